@@ -1,0 +1,219 @@
+// The host's clients that the plugin subscribes to. Each records every call
+// in the journal and delivers its events to the registered sinks on a host
+// thread of its own. Removing a sink waits for a delivery that is running,
+// and no sink is called after its removal.
+#pragma once
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "host/components.h"
+#include "host/sinks.h"
+#include "simhost/host_thread.h"
+#include "simhost/journal.h"
+
+namespace sim
+{
+// The sinks of one kind, with the lock that keeps a delivery and a removal
+// apart.
+template <class Sink>
+class SinkList
+{
+public:
+    void Add(Sink* sink)
+    {
+        std::lock_guard<std::mutex> delivery(deliveryMutex);
+        std::lock_guard<std::mutex> lock(mutex);
+        sinks.push_back(sink);
+    }
+    // Waits for a delivery in progress; a sink never added changes nothing.
+    void Remove(Sink* sink)
+    {
+        std::lock_guard<std::mutex> delivery(deliveryMutex);
+        std::lock_guard<std::mutex> lock(mutex);
+        for (auto it = sinks.begin(); it != sinks.end(); ++it)
+        {
+            if (*it == sink)
+            {
+                sinks.erase(it);
+                return;
+            }
+        }
+    }
+    size_t Size() const
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return sinks.size();
+    }
+    // Calls f on every sink, with removals held off meanwhile.
+    template <class F>
+    void ForEach(F f)
+    {
+        std::lock_guard<std::mutex> delivery(deliveryMutex);
+        std::vector<Sink*> copy;
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            copy = sinks;
+        }
+        for (Sink* sink : copy)
+            f(sink);
+    }
+
+private:
+    std::mutex deliveryMutex;
+    mutable std::mutex mutex;
+    std::vector<Sink*> sinks;
+};
+
+// "SubscriptionCommClient".
+class SubscriptionClient final : public ISubscriptionCommClient
+{
+public:
+    explicit SubscriptionClient(Journal& journal) : journal(journal) {}
+
+    void Reserved1() override {}
+    Status Subscribe(ISubscriptionEvents* sink) override;
+    Status Unsubscribe(ISubscriptionEvents* sink) override;
+    Status GetSubscription(SubscriptionData* data) override;
+
+    size_t SinkCount() const { return sinks.Size(); }
+
+private:
+    Journal& journal;
+    SinkList<ISubscriptionEvents> sinks;
+    HostThread thread;
+};
+
+// "sessionchange".
+class SessionChangeClient final : public ISessionChangeClient
+{
+public:
+    explicit SessionChangeClient(Journal& journal) : journal(journal) {}
+
+    void Reserved1() override {}
+    Status Subscribe(ISessionChangeEvents* sink) override;
+    Status Unsubscribe(ISessionChangeEvents* sink) override;
+
+    size_t SinkCount() const { return sinks.Size(); }
+    // OnSessionChange(time, event, info) on this client's thread; with wait,
+    // returns when the sinks have run.
+    void Deliver(uint32_t time, uint32_t event, void* info, bool wait = true);
+
+private:
+    Journal& journal;
+    SinkList<ISessionChangeEvents> sinks;
+    HostThread thread;
+};
+
+// "QmServiceStatusClient".
+class ServiceStatusClient final : public IServiceStatusClient
+{
+public:
+    explicit ServiceStatusClient(Journal& journal) : journal(journal) {}
+
+    // What GetStatus(0) answers; 1 means the host service has loaded.
+    void SetStatus(uint32_t status) { hostStatus = status; }
+
+    void Reserved1() override {}
+    Status AddObserver(IServiceStatusObserver* observer) override;
+    Status RemoveObserver(IServiceStatusObserver* observer) override;
+    uint32_t GetStatus(uint32_t service) override;
+
+    size_t ObserverCount() const { return observers.Size(); }
+    // OnServiceStatusChanged(service, status) on this client's thread.
+    void Deliver(uint32_t service, uint32_t status, bool wait = true);
+
+private:
+    Journal& journal;
+    std::atomic<uint32_t> hostStatus{1};
+    SinkList<IServiceStatusObserver> observers;
+    HostThread thread;
+};
+
+// The user information lent to OnGetUserInfoExAsync.
+class UserInfo final : public IUserInfo
+{
+public:
+    UserInfo(std::wstring level, std::wstring text) : level(std::move(level)), text(std::move(text)) {}
+
+    void Reserved1() override {}
+    const wchar_t* GetOrganizationText() override { return text.c_str(); }
+    void Reserved2() override {}
+    const wchar_t* GetOrganizationLevel() override { return level.c_str(); }
+
+private:
+    std::wstring level;
+    std::wstring text;
+};
+
+class ProductAgentClient;
+
+// The asynchronous side of "productagentcommclient", reached by QueryInterface.
+class ProductAgentAsync final : public IProductAgentCommClientAsync
+{
+public:
+    explicit ProductAgentAsync(Journal& journal) : journal(journal) {}
+
+    void Reserved1() override {}
+    Status GetUserInfoExAsync() override;
+    void Reserved2() override {}
+    Status SetResponseSink(IProductAgentResponse* sink) override;
+    Status ClearResponseSink(IProductAgentResponse* sink) override;
+
+    size_t SinkCount() const { return sinks.Size(); }
+    // OnGetUserInfoExAsync on the reply thread, with a UserInfo lent for
+    // the call.
+    void Reply(const std::wstring& level, const std::wstring& text, bool wait = true);
+
+private:
+    Journal& journal;
+    SinkList<IProductAgentResponse> sinks;
+    HostThread replyThread;
+};
+
+// "productagentcommclient".
+class ProductAgentClient final : public IProductAgentCommClient
+{
+public:
+    explicit ProductAgentClient(Journal& journal) : journal(journal), async(journal) {}
+
+    // Whether QueryInterface gives the asynchronous interface.
+    void SetAsyncAvailable(bool available) { asyncAvailable = available; }
+    ProductAgentAsync& Async() { return async; }
+
+    void* QueryInterface(const InterfaceId& id) override;
+    void Reserved1() override {}
+    Status GetModuleInfo(const wchar_t* appId, IModuleInfo** out) override;
+    void Reserved2() override {}
+    Status SetConnectAppState(const wchar_t* appId, bool on) override;
+    Status Subscribe(IProductAgentEvents* sink) override;
+    Status Unsubscribe(IProductAgentEvents* sink) override;
+
+    size_t SinkCount() const { return sinks.Size(); }
+    // OnUserInfoChanged on this client's thread.
+    void DeliverUserInfoChanged(bool wait = true);
+
+private:
+    Journal& journal;
+    std::atomic<bool> asyncAvailable{true};
+    ProductAgentAsync async;
+    SinkList<IProductAgentEvents> sinks;
+    HostThread thread;
+};
+
+// "connect_integrator": the cloud client.
+class ConnectIntegrator final : public IConnectIntegrator
+{
+public:
+    explicit ConnectIntegrator(Journal& journal) : journal(journal) {}
+
+    void Reserved1() override {}
+    void Reserved2() override {}
+    CloudStatus PerformRequest(CloudRequest& request, CloudResponse& response, uint32_t flag) override;
+
+private:
+    Journal& journal;
+};
+} // namespace sim

@@ -1,0 +1,177 @@
+#include "plugin/product_cfg_plugin.h"
+
+#include <cstdio>
+
+#include "plugin/factory.h"
+
+void* CProductConfigurationPlg::QueryInterface(const InterfaceId& id)
+{
+    return IsAcceptedPluginId(id) ? static_cast<IServPlugin*>(this) : nullptr;
+}
+
+Status CProductConfigurationPlg::Init(IServMain* servMain)
+{
+    Status result = ERROR_GEN_FAILURE;
+    auto fail = [this, &result](Status status) {
+        result = status;
+        static_cast<IServPlugin*>(this)->UnInit();
+        return result;
+    };
+
+    if (servMain == nullptr)
+        return fail(ERROR_GEN_FAILURE);
+    IComponentManager* manager = servMain->GetComponentManager();
+    if (manager == nullptr)
+        return fail(ERROR_GEN_FAILURE);
+    eventQueue = servMain->GetEventQueue();
+    if (eventQueue == nullptr)
+        return fail(ERROR_GEN_FAILURE);
+
+    ISerialExecution* serial = nullptr;
+    const Status serialStatus = eventQueue->CreateSerialExecution(&serial);
+    serialExecution = SerialExecutionHolder(eventQueue, serial);
+    if (serialStatus != 0)
+        return fail(serialStatus);
+
+    unsigned long long a = 0, b = 0, c = 0, d = 0, e = 0;
+    sscanf(ids::SubscriptionCommClientText, "%llx-%llx-%llx-%llx-%llx", &a, &b, &c, &d, &e);
+    const InterfaceId subscriptionId = InterfaceIdFromGroups(a, b, c, d, e);
+
+    Status status = 0;
+    subscriptionClient =
+        ComponentHolder<ISubscriptionCommClient>::Acquire(manager, L"SubscriptionCommClient", subscriptionId, status);
+    if (status != 0)
+        return fail(status);
+    sessionClient =
+        ComponentHolder<ISessionChangeClient>::Acquire(manager, L"sessionchange", ids::SessionChangeClient, status);
+    if (status != 0)
+        return fail(status);
+    productInfo = ComponentHolder<IServConfig>::Acquire(manager, L"productinfo", ids::ServConfig, status);
+    if (status != 0)
+        return fail(status);
+    serviceStatusClient = ComponentHolder<IServiceStatusClient>::Acquire(manager, L"QmServiceStatusClient",
+                                                                         ids::ServiceStatusClient, status);
+    if (status != 0)
+        return fail(status);
+    productAgentClient = ComponentHolder<IProductAgentCommClient>::Acquire(manager, L"productagentcommclient",
+                                                                           ids::ProductAgentCommClient, status);
+    if (status != 0)
+        return fail(status);
+
+    return 0;
+}
+
+void CProductConfigurationPlg::UnInit()
+{
+    serviceStatusClient.Reset();
+    subscriptionClient.Reset();
+    sessionClient.Reset();
+    productInfo.Reset();
+    productAgentClient.Reset();
+}
+
+Status CProductConfigurationPlg::Start()
+{
+    SetLastError(0);
+    HANDLE event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    const DWORD lastError = GetLastError();
+    const bool failed = event == nullptr || lastError == ERROR_ALREADY_EXISTS;
+    // A manual-reset event: the one SetEvent in Stop must end every wait on it.
+    stopEvent.reset(event);
+    if (failed)
+    {
+        static_cast<IServPlugin*>(this)->Stop();
+        return lastError;
+    }
+
+    serviceStatusClient->AddObserver(static_cast<IServiceStatusObserver*>(this));
+    if (serviceStatusClient->GetStatus(0) == 1)
+        _PostDelayedLoad();
+    return 0;
+}
+
+void CProductConfigurationPlg::Stop()
+{
+    serviceStatusClient->RemoveObserver(static_cast<IServiceStatusObserver*>(this));
+    subscriptionClient->Unsubscribe(static_cast<ISubscriptionEvents*>(this));
+    sessionClient->Unsubscribe(static_cast<ISessionChangeEvents*>(this));
+    productAgentClient->Unsubscribe(static_cast<IProductAgentEvents*>(this));
+    auto* async = static_cast<IProductAgentCommClientAsync*>(
+        productAgentClient->QueryInterface(ids::ProductAgentCommClientAsync));
+    if (async != nullptr)
+        async->ClearResponseSink(static_cast<IProductAgentResponse*>(this));
+
+    serialExecution.Reset();
+
+    if (stopEvent)
+        SetEvent(stopEvent.get());
+    if (waitThread.joinable())
+        waitThread.join();
+    stopEvent.reset();
+    installDoneEvent.reset();
+
+    {
+        std::lock_guard<std::mutex> lock(timerMutex);
+        CancelAndDeleteTimer(productCfgTimer);
+    }
+    CancelAndDeleteTimer(appsCheckTimer);
+}
+
+void CProductConfigurationPlg::OnServiceStatusChanged(uint32_t service, uint32_t status)
+{
+    if (service == 0 && status == 1)
+        _PostDelayedLoad();
+}
+
+void CProductConfigurationPlg::OnSubscriptionStatusChanged(const SubscriptionData* /*data*/)
+{
+}
+
+void CProductConfigurationPlg::OnSessionChange(uint32_t /*time*/, uint32_t /*event*/, void* /*info*/)
+{
+}
+
+void CProductConfigurationPlg::OnUserInfoChanged()
+{
+}
+
+void CProductConfigurationPlg::OnGetUserInfoExAsync(IUserInfo* /*info*/)
+{
+}
+
+void CProductConfigurationPlg::_DelayedLoad()
+{
+    if (delayedLoadDone)
+        return;
+    delayedLoadDone = true;
+
+    subscriptionClient->Subscribe(static_cast<ISubscriptionEvents*>(this));
+    sessionClient->Subscribe(static_cast<ISessionChangeEvents*>(this));
+    productAgentClient->Subscribe(static_cast<IProductAgentEvents*>(this));
+    auto* async = static_cast<IProductAgentCommClientAsync*>(
+        productAgentClient->QueryInterface(ids::ProductAgentCommClientAsync));
+    if (async != nullptr)
+    {
+        async->SetResponseSink(static_cast<IProductAgentResponse*>(this));
+        async->GetUserInfoExAsync();
+    }
+}
+
+void CProductConfigurationPlg::_PostDelayedLoad()
+{
+    auto item = MakeWorkItem<PlainTask>(&CProductConfigurationPlg::_DelayedLoad, this);
+    ISerialExecution* serial = serialExecution.get();
+    if (serial == nullptr)
+        return; // stopped: nothing carries work any more; the item is freed here
+    serial->Post(L"_DelayedLoad", nullptr, item.release(), 0, 0, 0);
+}
+
+void CProductConfigurationPlg::CancelAndDeleteTimer(TimerHandle& handle)
+{
+    if (handle == 0)
+        return;
+    eventQueue->CancelTimer(handle);
+    eventQueue->WaitTimer(handle, kWaitForever);
+    eventQueue->DeleteTimer(handle);
+    handle = 0;
+}

@@ -1,0 +1,92 @@
+// CProductConfigurationPlg: the plugin object the host creates through the
+// factory and drives through IServPlugin. It owns everything else by value.
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <thread>
+
+#include "host/components.h"
+#include "host/holders.h"
+#include "host/plugin.h"
+#include "host/sinks.h"
+#include "host/work_item.h"
+#include "support/unique_resource.h"
+
+// Name of the event that a running installer creates and sets when it ends.
+constexpr wchar_t kInstallDoneEventName[] = L"Global\\Install_Done-9E9487AA-4E57-4A22-B92A-F353BB7727A6";
+static_assert(sizeof(kInstallDoneEventName) / sizeof(wchar_t) == 57, "56 characters and the terminator");
+
+// Name under which the factory knows the plugin.
+constexpr wchar_t kPluginName[] = L"productconfigplg";
+
+class CProductConfigurationPlg : public IServPlugin,
+                                 public ISubscriptionEvents,
+                                 public ISessionChangeEvents,
+                                 public IServiceStatusObserver,
+                                 public IProductAgentEvents,
+                                 public IProductAgentResponse
+{
+public:
+    CProductConfigurationPlg() = default;
+    ~CProductConfigurationPlg() override = default;
+
+    CProductConfigurationPlg(const CProductConfigurationPlg&) = delete;
+    CProductConfigurationPlg& operator=(const CProductConfigurationPlg&) = delete;
+
+    // IServPlugin
+    void* QueryInterface(const InterfaceId& id) override;
+    // 0, or the status of the first failing step; on failure UnInit has run.
+    Status Init(IServMain* servMain) override;
+    // Gives back every component; a second call does nothing.
+    void UnInit() override;
+    // 0, or the status of the stop event's creation; on failure Stop has run.
+    Status Start() override;
+    // Removes the sinks, ends the serial execution, threads and timers.
+    void Stop() override;
+
+    // ISubscriptionEvents
+    void OnSubscriptionStatusChanged(const SubscriptionData* data) override;
+    // ISessionChangeEvents
+    void OnSessionChange(uint32_t time, uint32_t event, void* info) override;
+    // IServiceStatusObserver: (0, 1) posts _DelayedLoad; others are ignored.
+    void OnServiceStatusChanged(uint32_t service, uint32_t status) override;
+    // IProductAgentEvents
+    void OnUserInfoChanged() override;
+    void Unused1() override {}
+    // IProductAgentResponse
+    void Unused2() override {}
+    void Unused3() override {}
+    void OnGetUserInfoExAsync(IUserInfo* info) override;
+    void Unused4() override {}
+
+private:
+    using PlainTask = qm::framework::task<void (CProductConfigurationPlg::*)(), CProductConfigurationPlg*>;
+
+    // Runs once in the object's life, on the serial execution: registers the
+    // sinks and asks for the user information.
+    void _DelayedLoad();
+    void _PostDelayedLoad();
+    // Cancels, waits for and deletes the timer; 0 calls nothing.
+    void CancelAndDeleteTimer(TimerHandle& handle);
+
+    ComponentHolder<ISubscriptionCommClient> subscriptionClient;
+    ComponentHolder<ISessionChangeClient> sessionClient;
+    ComponentHolder<IServConfig> productInfo;
+    ComponentHolder<IServiceStatusClient> serviceStatusClient;
+    ComponentHolder<IProductAgentCommClient> productAgentClient;
+    SerialExecutionHolder serialExecution;
+    IEventQueue* eventQueue = nullptr;
+    TimerHandle appsCheckTimer = 0;
+    UniqueHandle installDoneEvent;
+    UniqueHandle stopEvent;
+    // Lock order: statusMutex first; subscriptionMutex may be taken under it,
+    // timerMutex only tried under it. timerMutex is held across WaitTimer.
+    std::mutex subscriptionMutex;
+    std::mutex timerMutex;
+    std::mutex statusMutex;
+    bool delayedLoadDone = false;
+    std::thread waitThread;
+    TimerHandle productCfgTimer = 0;
+    uint32_t productCfgDelayMs = 0;
+};
