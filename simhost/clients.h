@@ -5,6 +5,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -80,6 +81,9 @@ public:
 
     size_t SinkCount() const { return sinks.Size(); }
 
+    // Waits until this client's thread has delivered everything queued.
+    bool Drain(std::chrono::milliseconds timeout) { return thread.Drain(timeout); }
+
 private:
     Journal& journal;
     SinkList<ISubscriptionEvents> sinks;
@@ -100,6 +104,9 @@ public:
     // OnSessionChange(time, event, info) on this client's thread; with wait,
     // returns when the sinks have run.
     void Deliver(uint32_t time, uint32_t event, void* info, bool wait = true);
+
+    // Waits until this client's thread has delivered everything queued.
+    bool Drain(std::chrono::milliseconds timeout) { return thread.Drain(timeout); }
 
 private:
     Journal& journal;
@@ -124,6 +131,9 @@ public:
     size_t ObserverCount() const { return observers.Size(); }
     // OnServiceStatusChanged(service, status) on this client's thread.
     void Deliver(uint32_t service, uint32_t status, bool wait = true);
+
+    // Waits until this client's thread has delivered everything queued.
+    bool Drain(std::chrono::milliseconds timeout) { return thread.Drain(timeout); }
 
 private:
     Journal& journal;
@@ -167,6 +177,9 @@ public:
     // the call.
     void Reply(const std::wstring& level, const std::wstring& text, bool wait = true);
 
+    // Waits until this client's thread has delivered everything queued.
+    bool Drain(std::chrono::milliseconds timeout) { return replyThread.Drain(timeout); }
+
 private:
     Journal& journal;
     SinkList<IProductAgentResponse> sinks;
@@ -194,6 +207,9 @@ public:
     size_t SinkCount() const { return sinks.Size(); }
     // OnUserInfoChanged on this client's thread.
     void DeliverUserInfoChanged(bool wait = true);
+
+    // Waits until this client's thread has delivered everything queued.
+    bool Drain(std::chrono::milliseconds timeout) { return thread.Drain(timeout); }
 
 private:
     Journal& journal;

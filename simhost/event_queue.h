@@ -165,6 +165,7 @@ private:
     size_t invalidHandleCalls = 0;
     Status serialFailure = 0;
     std::vector<std::unique_ptr<SerialExecution>> serials;
+    std::set<SerialExecution*> released;
     HostThread timerThread;
 };
 } // namespace sim

@@ -1,0 +1,173 @@
+#include "simhost/clients.h"
+
+#include <windows.h>
+
+namespace sim
+{
+Status SubscriptionClient::Subscribe(ISubscriptionEvents* sink)
+{
+    journal.Record("SubscriptionCommClient.Subscribe");
+    sinks.Add(sink);
+    return 0;
+}
+
+Status SubscriptionClient::Unsubscribe(ISubscriptionEvents* sink)
+{
+    journal.Record("SubscriptionCommClient.Unsubscribe");
+    sinks.Remove(sink);
+    return 0;
+}
+
+Status SubscriptionClient::GetSubscription(SubscriptionData* /*data*/)
+{
+    journal.Record("SubscriptionCommClient.GetSubscription");
+    return 0;
+}
+
+Status SessionChangeClient::Subscribe(ISessionChangeEvents* sink)
+{
+    journal.Record("sessionchange.Subscribe");
+    sinks.Add(sink);
+    return 0;
+}
+
+Status SessionChangeClient::Unsubscribe(ISessionChangeEvents* sink)
+{
+    journal.Record("sessionchange.Unsubscribe");
+    sinks.Remove(sink);
+    return 0;
+}
+
+void SessionChangeClient::Deliver(uint32_t time, uint32_t event, void* info, bool wait)
+{
+    auto call = [this, time, event, info] {
+        journal.Record("sessionchange -> OnSessionChange " + std::to_string(time) + " " + std::to_string(event) +
+                       (info != nullptr ? " info" : " null"));
+        sinks.ForEach([&](ISessionChangeEvents* sink) { sink->OnSessionChange(time, event, info); });
+    };
+    if (wait)
+        thread.CallAndWait(call);
+    else
+        thread.Call(call);
+}
+
+Status ServiceStatusClient::AddObserver(IServiceStatusObserver* observer)
+{
+    journal.Record("QmServiceStatusClient.AddObserver");
+    observers.Add(observer);
+    return 0;
+}
+
+Status ServiceStatusClient::RemoveObserver(IServiceStatusObserver* observer)
+{
+    journal.Record("QmServiceStatusClient.RemoveObserver");
+    observers.Remove(observer);
+    return 0;
+}
+
+uint32_t ServiceStatusClient::GetStatus(uint32_t service)
+{
+    const uint32_t status = service == 0 ? hostStatus.load() : 0;
+    journal.Record("QmServiceStatusClient.GetStatus " + std::to_string(service) + " -> " + std::to_string(status));
+    return status;
+}
+
+void ServiceStatusClient::Deliver(uint32_t service, uint32_t status, bool wait)
+{
+    auto call = [this, service, status] {
+        journal.Record("QmServiceStatusClient -> OnServiceStatusChanged " + std::to_string(service) + " " +
+                       std::to_string(status));
+        observers.ForEach([&](IServiceStatusObserver* observer) { observer->OnServiceStatusChanged(service, status); });
+    };
+    if (wait)
+        thread.CallAndWait(call);
+    else
+        thread.Call(call);
+}
+
+Status ProductAgentAsync::GetUserInfoExAsync()
+{
+    journal.Record("productagent.GetUserInfoExAsync");
+    return 0;
+}
+
+Status ProductAgentAsync::SetResponseSink(IProductAgentResponse* sink)
+{
+    journal.Record("productagent.SetResponseSink");
+    sinks.Add(sink);
+    return 0;
+}
+
+Status ProductAgentAsync::ClearResponseSink(IProductAgentResponse* sink)
+{
+    journal.Record("productagent.ClearResponseSink");
+    sinks.Remove(sink);
+    return 0;
+}
+
+void ProductAgentAsync::Reply(const std::wstring& level, const std::wstring& text, bool wait)
+{
+    auto call = [this, level, text] {
+        journal.Record("productagent -> OnGetUserInfoExAsync \"" + Narrow(level.c_str()) + "\"");
+        UserInfo info(level, text);
+        sinks.ForEach([&](IProductAgentResponse* sink) { sink->OnGetUserInfoExAsync(&info); });
+    };
+    if (wait)
+        replyThread.CallAndWait(call);
+    else
+        replyThread.Call(call);
+}
+
+void* ProductAgentClient::QueryInterface(const InterfaceId& id)
+{
+    const bool available = id == ids::ProductAgentCommClientAsync && asyncAvailable;
+    journal.Record(std::string("productagentcommclient.QueryInterface -> ") + (available ? "async" : "null"));
+    return available ? static_cast<IProductAgentCommClientAsync*>(&async) : nullptr;
+}
+
+Status ProductAgentClient::GetModuleInfo(const wchar_t* appId, IModuleInfo** out)
+{
+    journal.Record("productagentcommclient.GetModuleInfo " + Narrow(appId));
+    if (out != nullptr)
+        *out = nullptr;
+    return ERROR_NOT_FOUND;
+}
+
+Status ProductAgentClient::SetConnectAppState(const wchar_t* appId, bool on)
+{
+    journal.Record("productagentcommclient.SetConnectAppState " + Narrow(appId) + (on ? " on" : " off"));
+    return 0;
+}
+
+Status ProductAgentClient::Subscribe(IProductAgentEvents* sink)
+{
+    journal.Record("productagentcommclient.Subscribe");
+    sinks.Add(sink);
+    return 0;
+}
+
+Status ProductAgentClient::Unsubscribe(IProductAgentEvents* sink)
+{
+    journal.Record("productagentcommclient.Unsubscribe");
+    sinks.Remove(sink);
+    return 0;
+}
+
+void ProductAgentClient::DeliverUserInfoChanged(bool wait)
+{
+    auto call = [this] {
+        journal.Record("productagentcommclient -> OnUserInfoChanged");
+        sinks.ForEach([](IProductAgentEvents* sink) { sink->OnUserInfoChanged(); });
+    };
+    if (wait)
+        thread.CallAndWait(call);
+    else
+        thread.Call(call);
+}
+
+CloudStatus ConnectIntegrator::PerformRequest(CloudRequest& /*request*/, CloudResponse& /*response*/, uint32_t flag)
+{
+    journal.Record("connect_integrator.PerformRequest " + std::to_string(flag));
+    return CloudStatus{0, ERROR_NOT_SUPPORTED};
+}
+} // namespace sim

@@ -1,0 +1,282 @@
+// The plugin object's life through the real exports: Init's failures in
+// order, Start and the run-once _DelayedLoad, Stop and UnInit repeated, and
+// every work item released exactly once.
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "plugin_fixture.h"
+
+namespace
+{
+using Strings = std::vector<std::string>;
+
+const Strings kAllFive = {"SubscriptionCommClient", "sessionchange", "productinfo", "QmServiceStatusClient",
+                          "productagentcommclient"};
+
+// UnInit gives the components back in this order.
+const Strings kReleaseOrder = {"QmServiceStatusClient", "SubscriptionCommClient", "sessionchange", "productinfo",
+                               "productagentcommclient"};
+
+struct InitCase
+{
+    const char* what;
+    std::function<IServMain*(sim::Host&)> setUp;
+    Status status;
+    size_t acquiredBeforeFailure; // of kAllFive; 5 with no failing component
+    bool failsAtComponent;
+    bool serialCreated;
+};
+
+std::wstring Wide(const std::string& text)
+{
+    return std::wstring(text.begin(), text.end());
+}
+
+std::vector<InitCase> InitCases()
+{
+    std::vector<InitCase> cases = {
+        {"servMain null", [](sim::Host&) -> IServMain* { return nullptr; }, 31, 0, false, false},
+        {"component manager null",
+         [](sim::Host& h) -> IServMain* {
+             h.SetComponentManagerNull(true);
+             return &h;
+         },
+         31, 0, false, false},
+        {"event queue null",
+         [](sim::Host& h) -> IServMain* {
+             h.SetEventQueueNull(true);
+             return &h;
+         },
+         31, 0, false, false},
+        {"serial execution refused",
+         [](sim::Host& h) -> IServMain* {
+             h.queue.FailCreateSerialExecution(8);
+             return &h;
+         },
+         8, 0, false, false},
+    };
+    const Status statuses[] = {5, 1168, 0x80004005u, 2, 1460};
+    for (size_t i = 0; i < kAllFive.size(); ++i)
+    {
+        const std::string name = kAllFive[i];
+        const Status status = statuses[i];
+        cases.push_back({"component fails",
+                         [name, status](sim::Host& h) -> IServMain* {
+                             h.components.Fail(Wide(name), status);
+                             return &h;
+                         },
+                         status, i, true, true});
+    }
+    return cases;
+}
+} // namespace
+
+TEST_F(PluginTest, InitFailuresGiveTheirStatusAndGiveBackWhatWasAcquired)
+{
+    for (const InitCase& row : InitCases())
+    {
+        SCOPED_TRACE(row.what + std::string(" / status ") + std::to_string(row.status));
+        DestroyPlugin();
+        host = std::make_unique<sim::Host>();
+        plugin = module.Create();
+        ASSERT_NE(plugin, nullptr);
+
+        EXPECT_EQ(plugin->Init(row.setUp(*host)), row.status);
+
+        // Asked in order up to the failing name, never beyond it; what was
+        // acquired is given back once, in UnInit's order.
+        Strings expected;
+        for (size_t i = 0; i < row.acquiredBeforeFailure; ++i)
+            expected.push_back("+" + kAllFive[i]);
+        if (row.failsAtComponent)
+            expected.push_back("!" + kAllFive[row.acquiredBeforeFailure]);
+        for (const std::string& name : kReleaseOrder)
+        {
+            for (size_t i = 0; i < row.acquiredBeforeFailure; ++i)
+            {
+                if (kAllFive[i] == name)
+                    expected.push_back("-" + name);
+            }
+        }
+        EXPECT_EQ(host->components.Order(), expected);
+        EXPECT_EQ(host->components.Outstanding(), 0);
+
+        // The serial execution object stays until the destructor.
+        EXPECT_EQ(host->queue.LiveSerialExecutions(), row.serialCreated ? 1u : 0u);
+
+        // UnInit again finds nothing to give back.
+        const size_t calls = host->journal.Lines().size();
+        plugin->UnInit();
+        EXPECT_EQ(host->journal.Lines().size(), calls);
+
+        DestroyPlugin();
+        EXPECT_EQ(host->queue.LiveSerialExecutions(), 0u);
+    }
+}
+
+TEST_F(PluginTest, InitAcquiresAllFiveAndUnInitGivesThemBackOnce)
+{
+    ASSERT_EQ(plugin->Init(host.get()), 0u);
+    for (const std::string& name : kAllFive)
+    {
+        EXPECT_EQ(host->components.Acquired(Wide(name)), 1u) << name;
+        EXPECT_EQ(host->components.Released(Wide(name)), 0u) << name;
+    }
+    EXPECT_EQ(host->queue.LiveSerialExecutions(), 1u);
+    plugin->UnInit();
+    plugin->UnInit();
+    for (const std::string& name : kAllFive)
+        EXPECT_EQ(host->components.Released(Wide(name)), 1u) << name;
+    EXPECT_EQ(host->components.Outstanding(), 0);
+}
+
+TEST_F(PluginTest, DelayedLoadRunsOnceHoweverOftenItIsPosted)
+{
+    StartLoaded();
+    host->serviceStatus.Deliver(0, 1);
+    host->serviceStatus.Deliver(0, 1);
+    host->serviceStatus.Deliver(1, 1); // other service: ignored
+    host->serviceStatus.Deliver(0, 0); // not loaded: ignored
+    ASSERT_TRUE(host->WaitIdle());
+
+    EXPECT_EQ(host->ledger.ReceivedCount("_DelayedLoad"), 3u);
+    EXPECT_EQ(host->journal.Count("Run _DelayedLoad"), 3u);
+    EXPECT_EQ(host->subscription.SinkCount(), 1u);
+    EXPECT_EQ(host->sessionChange.SinkCount(), 1u);
+    EXPECT_EQ(host->productAgent.SinkCount(), 1u);
+    EXPECT_EQ(host->productAgent.Async().SinkCount(), 1u);
+    EXPECT_EQ(host->journal.Count("productagent.GetUserInfoExAsync"), 1u);
+
+    plugin->Stop();
+    plugin->UnInit();
+    EXPECT_EQ(host->ledger.Outstanding(), 0u);
+    EXPECT_EQ(host->ledger.ReleasedCount("_DelayedLoad"), 3u);
+    EXPECT_EQ(host->ledger.DoubleReleases(), 0u);
+}
+
+TEST_F(PluginTest, NothingButTheObserverUntilTheHostServiceHasLoaded)
+{
+    host->serviceStatus.SetStatus(0);
+    ASSERT_EQ(plugin->Init(host.get()), 0u);
+    ASSERT_EQ(plugin->Start(), 0u);
+    ASSERT_TRUE(host->WaitIdle());
+
+    // The observer is added before the status is read.
+    const size_t added = host->journal.Find("QmServiceStatusClient.AddObserver");
+    ASSERT_NE(added, sim::Journal::npos);
+    EXPECT_NE(host->journal.Find("QmServiceStatusClient.GetStatus 0 -> 0", added), sim::Journal::npos);
+    EXPECT_EQ(host->serviceStatus.ObserverCount(), 1u);
+    EXPECT_EQ(host->ledger.ReceivedCount(), 0u);
+    EXPECT_EQ(host->subscription.SinkCount(), 0u);
+
+    host->serviceStatus.Deliver(0, 1);
+    ASSERT_TRUE(host->WaitIdle());
+    EXPECT_EQ(host->subscription.SinkCount(), 1u);
+    EXPECT_EQ(host->sessionChange.SinkCount(), 1u);
+    plugin->Stop();
+    plugin->UnInit();
+}
+
+TEST_F(PluginTest, DelayedLoadGoesOnWithoutTheAsynchronousAgent)
+{
+    host->productAgent.SetAsyncAvailable(false);
+    StartLoaded();
+    EXPECT_EQ(host->subscription.SinkCount(), 1u);
+    EXPECT_EQ(host->productAgent.SinkCount(), 1u);
+    EXPECT_EQ(host->productAgent.Async().SinkCount(), 0u);
+    EXPECT_EQ(host->journal.Count("productagent.GetUserInfoExAsync"), 0u);
+    plugin->Stop();
+    EXPECT_EQ(host->journal.Count("productagent.ClearResponseSink"), 0u);
+    plugin->UnInit();
+}
+
+TEST_F(PluginTest, StopRemovesEverySinkInOrderAndRepeatsSafely)
+{
+    StartLoaded();
+    const size_t before = host->journal.Lines().size();
+    plugin->Stop();
+
+    const Strings expected = {"QmServiceStatusClient.RemoveObserver",
+                              "SubscriptionCommClient.Unsubscribe",
+                              "sessionchange.Unsubscribe",
+                              "productagentcommclient.Unsubscribe",
+                              "productagentcommclient.QueryInterface -> async",
+                              "productagent.ClearResponseSink",
+                              "ReleaseSerialExecution"};
+    Strings lines = host->journal.Lines();
+    EXPECT_EQ(Strings(lines.begin() + static_cast<long>(before), lines.end()), expected);
+    EXPECT_EQ(host->serviceStatus.ObserverCount(), 0u);
+    EXPECT_EQ(host->subscription.SinkCount(), 0u);
+    EXPECT_EQ(host->sessionChange.SinkCount(), 0u);
+    EXPECT_EQ(host->productAgent.SinkCount(), 0u);
+    EXPECT_EQ(host->productAgent.Async().SinkCount(), 0u);
+    EXPECT_EQ(host->queue.LiveSerialExecutions(), 0u);
+
+    // A second Stop repeats the removals and finds the serial execution gone.
+    const size_t afterFirst = host->journal.Lines().size();
+    plugin->Stop();
+    lines = host->journal.Lines();
+    EXPECT_EQ(Strings(lines.begin() + static_cast<long>(afterFirst), lines.end()),
+              Strings(expected.begin(), expected.end() - 1));
+    EXPECT_EQ(host->queue.InvalidHandleCalls(), 0u);
+
+    plugin->UnInit();
+    plugin->UnInit();
+    EXPECT_EQ(host->components.Outstanding(), 0);
+    EXPECT_EQ(host->ledger.Outstanding(), 0u);
+    EXPECT_EQ(host->queue.LiveTimers(), 0u);
+}
+
+TEST_F(PluginTest, StopBeforeDelayedLoadRemovesAllAndJoinsNothing)
+{
+    host->serviceStatus.SetStatus(0);
+    ASSERT_EQ(plugin->Init(host.get()), 0u);
+    ASSERT_EQ(plugin->Start(), 0u);
+    plugin->Stop();
+    EXPECT_EQ(host->journal.Count("SubscriptionCommClient.Unsubscribe"), 1u);
+    EXPECT_EQ(host->journal.Count("sessionchange.Unsubscribe"), 1u);
+    EXPECT_EQ(host->journal.Count("productagentcommclient.Unsubscribe"), 1u);
+    EXPECT_TRUE(host->journal.LinesStartingWith("CancelTimer").empty());
+    EXPECT_TRUE(host->journal.LinesStartingWith("DeleteTimer").empty());
+    plugin->Stop();
+    plugin->UnInit();
+    EXPECT_EQ(host->components.Outstanding(), 0);
+}
+
+TEST_F(PluginTest, ItemsStillQueuedAtStopAreReleasedUnrun)
+{
+    ASSERT_EQ(plugin->Init(host.get()), 0u);
+    sim::SerialExecution* serial = host->Serial();
+    ASSERT_NE(serial, nullptr);
+    serial->Pause();
+    ASSERT_EQ(plugin->Start(), 0u);
+    host->serviceStatus.Deliver(0, 1);
+    host->serviceStatus.Deliver(0, 1);
+    EXPECT_EQ(host->ledger.ReceivedCount("_DelayedLoad"), 3u);
+
+    plugin->Stop();
+    EXPECT_EQ(host->journal.Count("Run _DelayedLoad"), 0u);
+    EXPECT_EQ(host->journal.Count("Release _DelayedLoad (not run)"), 3u);
+    EXPECT_EQ(host->ledger.Outstanding(), 0u);
+    EXPECT_EQ(host->ledger.DoubleReleases(), 0u);
+    EXPECT_EQ(host->subscription.SinkCount(), 0u);
+    plugin->UnInit();
+}
+
+TEST_F(PluginTest, ANewCycleTakesANewObject)
+{
+    StartLoaded();
+    plugin->Stop();
+    plugin->UnInit();
+    DestroyPlugin();
+
+    // The run-once flag died with the old object: a new one loads again.
+    host = std::make_unique<sim::Host>();
+    plugin = module.Create();
+    ASSERT_NE(plugin, nullptr);
+    StartLoaded();
+    EXPECT_EQ(host->subscription.SinkCount(), 1u);
+    plugin->Stop();
+    plugin->UnInit();
+}
