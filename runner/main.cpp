@@ -1,0 +1,64 @@
+// OrbhubSim: stands in for the Orbhub service. Loads ProductCfgPlg.dll from
+// its own folder, drives it with the simulated host and plays one scenario
+// file. Exit status: 0 clean, 1 a check failed, 2 nothing could be played.
+#include <windows.h>
+
+#include <cstdio>
+#include <exception>
+#include <string>
+
+#include "runner/console.h"
+#include "runner/player.h"
+#include "runner/plugin_library.h"
+#include "runner/scenario.h"
+#include "simhost/journal.h"
+
+namespace
+{
+int Unusable(const std::string& message)
+{
+    std::fprintf(stderr, "%s\n", message.c_str());
+    std::fflush(stderr);
+    return runner::kExitUnusable;
+}
+
+int Run(int argc, wchar_t** argv)
+{
+    if (argc != 2)
+        return Unusable("usage: OrbhubSim <scenario.json>\n"
+                        "Plays the scenario against ProductCfgPlg.dll from this program's folder.");
+    const std::wstring path = argv[1];
+    const std::string source = sim::Narrow(path.c_str());
+
+    const scenario::FileText file = scenario::ReadScenarioFile(path);
+    if (!file.text)
+        return Unusable(source + ": " + file.error);
+    const scenario::ParseResult parsed = scenario::ParseScenario(*file.text);
+    if (!parsed.scenario)
+        return Unusable(source + ": " + parsed.error);
+
+    std::string error;
+    const std::optional<runner::PluginLibrary> library = runner::PluginLibrary::Load(L"ProductCfgPlg.dll", error);
+    if (!library)
+        return Unusable(error);
+
+    runner::Console console;
+    console.Line("== scenario " + source + " with " + sim::Narrow(library->Path().c_str()));
+    runner::Player player(*parsed.scenario, *library, console);
+    return player.Play();
+}
+} // namespace
+
+int wmain(int argc, wchar_t** argv)
+{
+    // Nothing in the runner reports a failure by exception; this only turns
+    // an unforeseen one (such as running out of memory) into a message.
+    try
+    {
+        return Run(argc, argv);
+    }
+    catch (const std::exception& e)
+    {
+        return Unusable(std::string("OrbhubSim: unexpected failure: ") + e.what());
+    }
+}

@@ -1,0 +1,353 @@
+#include "runner/player.h"
+
+#include <windows.h>
+
+#include "runner/registry_preset.h"
+
+namespace runner
+{
+namespace
+{
+constexpr wchar_t kPluginName[] = L"productconfigplg";
+
+// The components whose acquisitions and releases the teardown check counts.
+constexpr const wchar_t* kComponents[] = {L"SubscriptionCommClient", L"sessionchange",
+                                          L"productinfo",            L"QmServiceStatusClient",
+                                          L"productagentcommclient", L"connect_integrator"};
+
+std::string Narrow(const std::wstring& text)
+{
+    return sim::Narrow(text.c_str());
+}
+
+std::string Plural(size_t count, const char* one, const char* many)
+{
+    return std::to_string(count) + " " + (count == 1 ? one : many);
+}
+
+// Holds the plugin's serial execution, if it has one, while a host call or
+// event runs: what the call posts runs after it has returned, so the output
+// has one order from run to run. The object is looked up again at the end,
+// since the call may have released it.
+class SerialHold
+{
+public:
+    explicit SerialHold(sim::Host& host) : host(host)
+    {
+        if (sim::SerialExecution* serial = host.Serial())
+            serial->Pause();
+    }
+    ~SerialHold()
+    {
+        if (sim::SerialExecution* serial = host.Serial())
+            serial->Resume();
+    }
+    SerialHold(const SerialHold&) = delete;
+    SerialHold& operator=(const SerialHold&) = delete;
+
+private:
+    sim::Host& host;
+};
+} // namespace
+
+Player::Player(const scenario::Scenario& scenario, const PluginLibrary& library, Console& console)
+    : scenario(scenario), library(library), console(console)
+{
+    host.journal.SetListener([&out = console](const std::string& line) { out.Line("    host: " + line); });
+}
+
+Player::~Player()
+{
+    if (plugin != nullptr)
+        TearDown();
+}
+
+ExitStatus Player::Play()
+{
+    if (!scenario.description.empty())
+        console.Line("   " + scenario.description);
+    if (!SetUp())
+        return kExitUnusable;
+
+    for (size_t i = 0; i < scenario.steps.size(); ++i)
+    {
+        const scenario::Step& step = scenario.steps[i];
+        WaitIdle("before step " + std::to_string(i));
+        console.Line("== step " + std::to_string(i) + ": " + scenario::Describe(step.action));
+        if (!step.note.empty())
+            Say("# " + step.note);
+        std::visit([this](const auto& action) { Run(action); }, step.action);
+    }
+    WaitIdle("after the last step");
+    if (plugin != nullptr)
+    {
+        console.Line("== end: the plugin object is still alive; the runner stops it");
+        TearDown();
+    }
+    PrintSummary();
+    return failures.empty() ? kExitClean : kExitCheckFailed;
+}
+
+bool Player::SetUp()
+{
+    console.Line("== setup");
+    host.config.SetMissing(scenario.missingSetting == scenario::MissingSetting::Null
+                               ? sim::ServConfig::Missing::Null
+                               : sim::ServConfig::Missing::NotFoundText);
+    for (const scenario::Setting& setting : scenario.settings)
+    {
+        host.config.Set(setting.number, setting.section, setting.value);
+        Say("productinfo " + std::to_string(setting.number) + " \"" + Narrow(setting.section) + "\" = \"" +
+            Narrow(setting.value) + "\"");
+    }
+    Say(std::string("productinfo gives a missing setting as ") +
+        (scenario.missingSetting == scenario::MissingSetting::Null ? "null" : "\"<error-not-found>\""));
+
+    for (const scenario::RegistryValue& value : scenario.registry)
+    {
+        const Status status = ApplyRegistryValue(value);
+        Say("registry " + scenario::Describe(value) + (status == 0 ? "" : " FAILED: " + std::to_string(status)));
+        if (status != 0)
+        {
+            console.Line("cannot preset the registry; nothing was played");
+            return false;
+        }
+    }
+
+    host.serviceStatus.SetStatus(scenario.hostServiceStatus);
+    Say("QmServiceStatusClient.GetStatus(0) answers " + std::to_string(scenario.hostServiceStatus));
+    for (const auto& failure : scenario.failComponents)
+    {
+        host.components.Fail(failure.first, failure.second);
+        Say("GetComponent \"" + Narrow(failure.first) + "\" fails with " + std::to_string(failure.second));
+    }
+    if (scenario.failSerialExecution != 0)
+    {
+        host.queue.FailCreateSerialExecution(scenario.failSerialExecution);
+        Say("CreateSerialExecution fails with " + std::to_string(scenario.failSerialExecution));
+    }
+    host.productAgent.SetAsyncAvailable(scenario.productAgentAsync);
+    if (!scenario.productAgentAsync)
+        Say("productagentcommclient offers no IProductAgentCommClientAsync");
+    host.SetComponentManagerNull(scenario.nullComponentManager);
+    if (scenario.nullComponentManager)
+        Say("GetComponentManager gives null");
+    host.SetEventQueueNull(scenario.nullEventQueue);
+    if (scenario.nullEventQueue)
+        Say("GetEventQueue gives null");
+    return true;
+}
+
+void Player::Run(const scenario::InitStep&)
+{
+    Create();
+    if (phase == Phase::Created)
+        Init();
+}
+
+void Player::Run(const scenario::StartStep&)
+{
+    Create();
+    if (phase == Phase::Created)
+        Init();
+    if (phase == Phase::Initialised)
+        Start();
+    else if (phase == Phase::InitFailed)
+        Say("Start not called: Init failed, the object is good for QmDestroyObject only");
+}
+
+void Player::Run(const scenario::StopStep&)
+{
+    if (plugin == nullptr)
+        Say("nothing to take down: QmCreateObject gave no object");
+    TearDown();
+}
+
+void Player::Run(const scenario::ServiceStatusStep& step)
+{
+    SerialHold hold(host);
+    host.serviceStatus.Deliver(step.service, step.status);
+}
+
+void Player::Run(const scenario::SessionChangeStep& step)
+{
+    SerialHold hold(host);
+    host.sessionChange.Deliver(step.time, step.event, step.info ? &sessionNotification : nullptr);
+}
+
+void Player::Run(const scenario::UserInfoChangedStep&)
+{
+    SerialHold hold(host);
+    host.productAgent.DeliverUserInfoChanged();
+}
+
+void Player::Run(const scenario::UserInfoReplyStep& step)
+{
+    SerialHold hold(host);
+    host.productAgent.Async().Reply(step.level, step.text);
+}
+
+void Player::Run(const scenario::AdvanceStep& step)
+{
+    const uint64_t before = host.queue.Now();
+    host.queue.Advance(step.ms);
+    Say("clock " + std::to_string(before) + " -> " + std::to_string(host.queue.Now()) + " ms");
+}
+
+void Player::Run(const scenario::WaitIdleStep&)
+{
+    WaitIdle("at wait_idle");
+    Say("host idle");
+}
+
+void Player::Run(const scenario::SetRegistryStep& step)
+{
+    const Status status = ApplyRegistryValue(step.value);
+    if (status != 0)
+        Fail("set_registry " + scenario::Describe(step.value) + " failed: " + std::to_string(status));
+}
+
+void Player::Create()
+{
+    if (phase != Phase::None)
+        return;
+    Say("call QmCreateObject(\"productconfigplg\", ServPluginA)");
+    IServPlugin* object = nullptr;
+    const Status status = library.Create(kPluginName, ids::ServPluginA, object);
+    Say("QmCreateObject -> " + std::to_string(status));
+    if (status != 0 || object == nullptr)
+    {
+        Fail("QmCreateObject gave status " + std::to_string(status) + (object == nullptr ? " and no object" : ""));
+        if (object != nullptr)
+            library.Destroy(kPluginName, object);
+        return;
+    }
+    plugin = object;
+    phase = Phase::Created;
+}
+
+void Player::Init()
+{
+    Say("call Init(ServMain)");
+    const Status status = plugin->Init(&host);
+    Say("Init -> " + std::to_string(status));
+    phase = status == 0 ? Phase::Initialised : Phase::InitFailed;
+}
+
+void Player::Start()
+{
+    SerialHold hold(host);
+    Say("call Start()");
+    const Status status = plugin->Start();
+    Say("Start -> " + std::to_string(status));
+    phase = status == 0 ? Phase::Started : Phase::StartFailed;
+}
+
+void Player::TearDown()
+{
+    if (plugin == nullptr)
+        return;
+    if (phase == Phase::Started)
+    {
+        Say("call Stop()");
+        plugin->Stop();
+    }
+    else if (phase == Phase::StartFailed)
+    {
+        Say("Stop not called: Start failed and the plugin has stopped itself");
+    }
+    if (phase == Phase::Initialised || phase == Phase::Started || phase == Phase::StartFailed)
+    {
+        Say("call UnInit()");
+        plugin->UnInit();
+    }
+    else if (phase == Phase::InitFailed)
+    {
+        Say("UnInit not called: Init failed and the plugin has run its own");
+    }
+    Say("call QmDestroyObject(\"productconfigplg\")");
+    library.Destroy(kPluginName, plugin);
+    plugin = nullptr;
+    phase = Phase::None;
+    WaitIdle("after the teardown");
+    CheckTeardown();
+}
+
+void Player::CheckTeardown()
+{
+    std::vector<std::string> problems;
+    if (const size_t outstanding = host.ledger.Outstanding())
+        problems.push_back(Plural(outstanding, "work item", "work items") + " not released");
+    if (const size_t doubles = host.ledger.DoubleReleases())
+        problems.push_back(Plural(doubles, "work item", "work items") + " released twice");
+    for (const wchar_t* name : kComponents)
+    {
+        const size_t acquired = host.components.Acquired(name);
+        const size_t released = host.components.Released(name);
+        if (acquired != released)
+            problems.push_back("component " + sim::Narrow(name) + ": acquired " + std::to_string(acquired) +
+                               ", released " + std::to_string(released));
+    }
+    for (const auto& timer : host.queue.Timers())
+        problems.push_back("timer " + timer.name + " not deleted");
+    if (const size_t serials = host.queue.LiveSerialExecutions())
+        problems.push_back(Plural(serials, "serial execution", "serial executions") + " not released");
+    const std::pair<const char*, size_t> sinks[] = {
+        {"SubscriptionCommClient", host.subscription.SinkCount()},
+        {"sessionchange", host.sessionChange.SinkCount()},
+        {"QmServiceStatusClient", host.serviceStatus.ObserverCount()},
+        {"productagentcommclient", host.productAgent.SinkCount()},
+        {"productagent response", host.productAgent.Async().SinkCount()},
+    };
+    for (const auto& sink : sinks)
+    {
+        if (sink.second != 0)
+            problems.push_back(Plural(sink.second, "sink", "sinks") + " still registered at " + sink.first);
+    }
+
+    if (problems.empty())
+    {
+        Say("teardown check: nothing left behind");
+        return;
+    }
+    for (const std::string& problem : problems)
+        Fail("after teardown: " + problem);
+}
+
+void Player::WaitIdle(const std::string& when)
+{
+    if (!host.WaitIdle())
+        Fail("the host was not idle within 10 s " + when);
+}
+
+void Player::Fail(const std::string& problem)
+{
+    failures.push_back(problem);
+    Say("CHECK FAILED: " + problem);
+}
+
+void Player::PrintSummary()
+{
+    const size_t contractErrors = host.journal.LinesStartingWith("ERROR").size();
+    if (contractErrors != 0)
+        failures.push_back(Plural(contractErrors, "host contract error", "host contract errors") +
+                           " in the journal (lines starting with ERROR)");
+
+    console.Line("== summary");
+    Say("work items: " + std::to_string(host.ledger.ReceivedCount()) + " received, " +
+        std::to_string(host.ledger.ReleasedCount()) + " released, " + std::to_string(host.ledger.Outstanding()) +
+        " outstanding, " + std::to_string(host.ledger.DoubleReleases()) + " double releases");
+    Say("components still held: " + std::to_string(host.components.Outstanding()));
+    Say("live timers: " + std::to_string(host.queue.LiveTimers()));
+    Say("live serial executions: " + std::to_string(host.queue.LiveSerialExecutions()));
+    Say("host contract errors: " + std::to_string(contractErrors));
+    if (failures.empty())
+    {
+        Say("result: ok");
+        return;
+    }
+    Say("result: " + Plural(failures.size(), "check failed", "checks failed"));
+    for (const std::string& failure : failures)
+        Say("- " + failure);
+}
+} // namespace runner

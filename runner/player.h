@@ -1,0 +1,89 @@
+// Plays a scenario: sets the simulated host up, drives the plugin through
+// the host contract step by step and prints what happened, the host's own
+// record of every call included. Before each step it waits until the host's
+// threads are idle, so that the output is the same from run to run.
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+#include <vector>
+
+#include "host/plugin.h"
+#include "runner/console.h"
+#include "runner/plugin_library.h"
+#include "runner/scenario.h"
+#include "simhost/sim_host.h"
+
+namespace runner
+{
+// Exit statuses of the runner.
+enum ExitStatus : int
+{
+    kExitClean = 0,       // the scenario ran and every teardown left nothing behind
+    kExitCheckFailed = 1, // the scenario ran, a check failed
+    kExitUnusable = 2,    // nothing was played: arguments, scenario, plugin or setup unusable
+};
+
+class Player
+{
+public:
+    Player(const scenario::Scenario& scenario, const PluginLibrary& library, Console& console);
+    // A plugin object still alive is taken down as "stop" would.
+    ~Player();
+
+    Player(const Player&) = delete;
+    Player& operator=(const Player&) = delete;
+
+    ExitStatus Play();
+
+private:
+    // The overloads std::visit picks for the step kinds.
+    void Run(const scenario::InitStep&);
+    void Run(const scenario::StartStep&);
+    void Run(const scenario::StopStep&);
+    void Run(const scenario::ServiceStatusStep& step);
+    void Run(const scenario::SessionChangeStep& step);
+    void Run(const scenario::UserInfoChangedStep&);
+    void Run(const scenario::UserInfoReplyStep& step);
+    void Run(const scenario::AdvanceStep& step);
+    void Run(const scenario::WaitIdleStep&);
+    void Run(const scenario::SetRegistryStep& step);
+
+    // Where the plugin object is in its one cycle of the host contract.
+    enum class Phase
+    {
+        None,        // no object
+        Created,     // QmCreateObject gave it
+        InitFailed,  // Init failed; the plugin has run its own UnInit
+        Initialised, // Init gave 0
+        StartFailed, // Start failed; the plugin has run its own Stop
+        Started,     // Start gave 0
+    };
+
+    // false when a registry value cannot be written.
+    bool SetUp();
+    void Create();
+    void Init();
+    void Start();
+    // Stop, UnInit and QmDestroyObject as far as the phase calls for them,
+    // then the teardown check.
+    void TearDown();
+    void CheckTeardown();
+    void WaitIdle(const std::string& when);
+    void PrintSummary();
+    void Say(const std::string& text) { console.Line("  " + text); }
+    void Fail(const std::string& problem);
+
+    const scenario::Scenario& scenario;
+    const PluginLibrary& library;
+    Console& console;
+    // What a logon event carries; the plugin only tests it for null. Lives
+    // longer than the host's threads that pass it on.
+    WTSSESSION_NOTIFICATION sessionNotification{sizeof(WTSSESSION_NOTIFICATION), 1};
+    sim::Host host;
+    IServPlugin* plugin = nullptr;
+    Phase phase = Phase::None;
+    std::vector<std::string> failures;
+};
+} // namespace runner

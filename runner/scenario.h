@@ -1,0 +1,175 @@
+// A scenario for OrbhubSim: how the simulated host is set up and the steps
+// it plays against the plugin. Parsing turns a JSON text into this plain
+// record or into one message naming the place and what was expected; it
+// touches neither the host nor the plugin.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace scenario
+{
+// A product setting that "productinfo" answers for GetString(number, section).
+struct Setting
+{
+    uint32_t number = 0;
+    std::wstring section;
+    std::wstring value;
+
+    bool operator==(const Setting& o) const
+    {
+        return number == o.number && section == o.section && value == o.value;
+    }
+};
+
+// How "productinfo" answers for a setting it does not have.
+enum class MissingSetting
+{
+    Null,         // "null"
+    NotFoundText, // "<error-not-found>"
+};
+
+enum class RegistryRoot
+{
+    LocalMachine, // "HKLM"
+    CurrentUser,  // "HKCU"
+    Users,        // "HKU"
+};
+
+enum class RegistryType
+{
+    Dword,  // "dword": a number
+    String, // "string": a text
+    Absent, // "absent": the value is deleted if it exists
+};
+
+// A registry value written (or deleted) in the real registry of the prefix.
+struct RegistryValue
+{
+    RegistryRoot root = RegistryRoot::LocalMachine;
+    std::wstring key;
+    std::wstring name; // "" is the key's default value
+    RegistryType type = RegistryType::Dword;
+    uint32_t dword = 0;
+    std::wstring text;
+
+    bool operator==(const RegistryValue& o) const
+    {
+        return root == o.root && key == o.key && name == o.name && type == o.type && dword == o.dword &&
+               text == o.text;
+    }
+};
+
+// Step kinds. Each is a plain record; adding a kind means a record here, an
+// entry in the parser's table and an overload in the player.
+struct InitStep // QmCreateObject (if no object yet) and Init
+{
+    bool operator==(const InitStep&) const { return true; }
+};
+struct StartStep // whatever of QmCreateObject and Init is still due, then Start
+{
+    bool operator==(const StartStep&) const { return true; }
+};
+struct StopStep // Stop, UnInit and QmDestroyObject, as far as the object got
+{
+    bool operator==(const StopStep&) const { return true; }
+};
+struct ServiceStatusStep // OnServiceStatusChanged from the service status client
+{
+    uint32_t service = 0;
+    uint32_t status = 0;
+    bool operator==(const ServiceStatusStep& o) const { return service == o.service && status == o.status; }
+};
+struct SessionChangeStep // OnSessionChange from the session change client
+{
+    uint32_t time = 0;
+    uint32_t event = 0;
+    bool info = true; // whether a session notification comes with it
+    bool operator==(const SessionChangeStep& o) const
+    {
+        return time == o.time && event == o.event && info == o.info;
+    }
+};
+struct UserInfoChangedStep // OnUserInfoChanged from the product agent
+{
+    bool operator==(const UserInfoChangedStep&) const { return true; }
+};
+struct UserInfoReplyStep // OnGetUserInfoExAsync on the product agent's reply thread
+{
+    std::wstring level;
+    std::wstring text;
+    bool operator==(const UserInfoReplyStep& o) const { return level == o.level && text == o.text; }
+};
+struct AdvanceStep // moves the host's clock on, running the timers due
+{
+    uint64_t ms = 0;
+    bool operator==(const AdvanceStep& o) const { return ms == o.ms; }
+};
+struct WaitIdleStep // waits until the host's threads are idle
+{
+    bool operator==(const WaitIdleStep&) const { return true; }
+};
+struct SetRegistryStep // writes or deletes a registry value between events
+{
+    RegistryValue value;
+    bool operator==(const SetRegistryStep& o) const { return value == o.value; }
+};
+
+using StepAction = std::variant<InitStep, StartStep, StopStep, ServiceStatusStep, SessionChangeStep,
+                                UserInfoChangedStep, UserInfoReplyStep, AdvanceStep, WaitIdleStep, SetRegistryStep>;
+
+struct Step
+{
+    StepAction action;
+    std::string note; // printed under the step's header; may be empty
+};
+
+// Longest clock advance one step may ask for: 30 days.
+constexpr uint64_t kMaxAdvanceMs = 30ull * 24 * 3600 * 1000;
+// Largest scenario file read.
+constexpr size_t kMaxScenarioBytes = 1024 * 1024;
+
+struct Scenario
+{
+    std::string description;
+    std::vector<Setting> settings;
+    MissingSetting missingSetting = MissingSetting::Null;
+    std::vector<RegistryValue> registry; // written before the first step
+    uint32_t hostServiceStatus = 1;      // what GetStatus(0) answers
+    std::map<std::wstring, uint32_t> failComponents; // name -> status of GetComponent
+    uint32_t failSerialExecution = 0;                // status of CreateSerialExecution; 0: works
+    bool productAgentAsync = true;
+    bool nullComponentManager = false;
+    bool nullEventQueue = false;
+    std::vector<Step> steps;
+};
+
+// The parsed scenario, or the reason there is none: "<path>: <problem>",
+// e.g. "steps[2].ms: expected a whole number from 0 to 2592000000, found -5".
+struct ParseResult
+{
+    std::optional<Scenario> scenario;
+    std::string error;
+};
+
+ParseResult ParseScenario(const std::string& text);
+
+// The bytes of a scenario file, or an error naming what went wrong (missing,
+// unreadable, empty, too large).
+struct FileText
+{
+    std::optional<std::string> text;
+    std::string error;
+};
+
+FileText ReadScenarioFile(const std::wstring& path);
+
+// One line for a step's header, e.g. "advance 120000 ms".
+std::string Describe(const StepAction& action);
+// "HKLM\SOFTWARE\Quillmarten\Security\ProductCfgDelay = dword 60000"
+std::string Describe(const RegistryValue& value);
+} // namespace scenario

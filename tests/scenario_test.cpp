@@ -1,0 +1,226 @@
+// The scenario parser of OrbhubSim: every malformed input is refused with
+// the place and what was expected, a valid scenario becomes the right
+// record, and scenario files are read with their own failures as values.
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <string>
+
+#include "runner/scenario.h"
+
+namespace
+{
+using namespace scenario;
+
+struct Malformed
+{
+    std::string text;
+    std::string error;
+};
+
+// {"a":{"a":...1...}} with depth objects.
+std::string Nested(size_t depth)
+{
+    std::string text;
+    for (size_t i = 0; i < depth; ++i)
+        text += "{\"a\":";
+    return text + "1" + std::string(depth, '}');
+}
+
+TEST(ScenarioParse, RefusesMalformedInputWithPlaceAndExpectation)
+{
+    const Malformed cases[] = {
+        // JSON itself, with the line of the fault.
+        {"{\n  \"steps\": [\n    \"start\",,\n  ]\n}", "syntax error at line 3 near: ,"},
+        {"{\"steps\": []} trailing", "syntax error at line 1 near: trailing"},
+        {"{\"steps\": [],\n \"steps\": []}", "line 2: duplicate key \"steps\""},
+        {"{\"steps\": [{\"do\": \"advance\", \"ms\": 1e999}]}", "line 1: number out of range"},
+        {Nested(33), "line 1: nesting deeper than 32 levels"},
+        // Shape of the top level.
+        {"[1]", "the scenario: expected an object, found a list"},
+        {"{\"stepz\": []}", "stepz: unknown key (expected one of: description, settings, missing_setting, registry, "
+                            "host_service_status, fail_components, fail_serial_execution, product_agent_async, "
+                            "null_component_manager, null_event_queue, steps)"},
+        {"{}", "steps: missing (expected a list of steps)"},
+        {"{\"steps\": {}}", "steps: expected a list of steps"},
+        {"{\"host_service_status\": 4294967296, \"steps\": []}",
+         "host_service_status: expected a whole number from 0 to 4294967295, found 4294967296"},
+        {"{\"product_agent_async\": 1, \"steps\": []}", "product_agent_async: expected true or false, found a number"},
+        {"{\"missing_setting\": \"none\", \"steps\": []}",
+         "missing_setting: unknown answer \"none\" (expected one of: null, <error-not-found>)"},
+        // Settings, registry values and failing components.
+        {"{\"settings\": [{\"number\": 44, \"section\": \"Desktop\"}], \"steps\": []}",
+         "settings[0].value: missing (expected a text)"},
+        {"{\"settings\": [{\"number\": 1, \"section\": \"s\", \"value\": \"a\"}, "
+         "{\"number\": 1, \"section\": \"s\", \"value\": \"b\"}], \"steps\": []}",
+         "settings[1].number: setting 1 \"s\" is given twice (first at settings[0])"},
+        {"{\"registry\": [{\"root\": \"HKCR\", \"key\": \"k\", \"name\": \"n\", \"type\": \"dword\", \"value\": 1}], "
+         "\"steps\": []}",
+         "registry[0].root: unknown root \"HKCR\" (expected one of: HKLM, HKCU, HKU)"},
+        {"{\"registry\": [{\"root\": \"HKLM\", \"key\": \"k\", \"name\": \"n\", \"type\": \"absent\", \"value\": 1}], "
+         "\"steps\": []}",
+         "registry[0].value: not allowed with type \"absent\""},
+        {"{\"registry\": [{\"root\": \"HKLM\", \"key\": \"k\", \"name\": \"n\", \"type\": \"string\", \"value\": 1}], "
+         "\"steps\": []}",
+         "registry[0].value: expected a text, found a number"},
+        {"{\"fail_components\": {\"sessionchang\": 5}, \"steps\": []}",
+         "fail_components.sessionchang: unknown component (expected one of: SubscriptionCommClient, sessionchange, "
+         "productinfo, QmServiceStatusClient, productagentcommclient, connect_integrator)"},
+        {"{\"fail_components\": {\"sessionchange\": 0}, \"steps\": []}",
+         "fail_components.sessionchange: expected a failure status from 1 to 4294967295, found 0"},
+        // Steps.
+        {"{\"steps\": [\"start\", {\"do\": \"advanse\"}]}",
+         "steps[1].do: unknown step \"advanse\" (expected one of: init, start, stop, service_status, session_change, "
+         "user_info_changed, user_info_reply, advance, wait_idle, set_registry)"},
+        {"{\"steps\": [{\"ms\": 5}]}", "steps[0].do: missing (expected a text)"},
+        {"{\"steps\": [5]}", "steps[0]: expected an object, found a number"},
+        {"{\"steps\": [{\"do\": \"advance\", \"ms\": -5}]}",
+         "steps[0].ms: expected a whole number from 0 to 2592000000, found -5"},
+        {"{\"steps\": [{\"do\": \"advance\", \"ms\": 1.5}]}",
+         "steps[0].ms: expected a whole number from 0 to 2592000000, found 1.5"},
+        {"{\"steps\": [\"advance\"]}", "steps[0].ms: missing (expected a whole number from 0 to 2592000000)"},
+        {"{\"steps\": [{\"do\": \"session_change\", \"event\": 5, \"colour\": 1}]}",
+         "steps[0].colour: unknown key (expected one of: do, note, time, event, info)"},
+        {"{\"steps\": [{\"do\": \"user_info_reply\", \"level\": \"\xff\"}]}",
+         "steps[0].level: expected a text in UTF-8"},
+        // The plugin object's life.
+        {"{\"steps\": [\"stop\"]}", "steps[0].do: \"stop\" with no plugin object (expected \"init\" or \"start\" "
+                                    "before it)"},
+        {"{\"steps\": [\"start\", \"start\"]}",
+         "steps[1].do: \"start\" with the plugin already started (expected \"stop\" first)"},
+        {"{\"steps\": [\"init\", \"init\"]}",
+         "steps[1].do: \"init\" with the plugin already initialised (expected \"stop\" first)"},
+    };
+    for (const Malformed& c : cases)
+    {
+        const ParseResult result = ParseScenario(c.text);
+        EXPECT_FALSE(result.scenario.has_value()) << c.text;
+        EXPECT_EQ(result.error, c.error) << c.text;
+    }
+}
+
+TEST(ScenarioParse, ValidScenarioBecomesTheRecord)
+{
+    const ParseResult result = ParseScenario(R"({
+      "description": "all of it",
+      "settings": [{"number": 217, "section": "Desktop", "value": "SOFTWARE\\Quillmarten\\Security"}],
+      "missing_setting": "<error-not-found>",
+      "registry": [
+        {"root": "HKU", "key": ".DEFAULT\\SOFTWARE\\Sub_ID_X", "name": "GsShowed", "type": "dword", "value": 4294967295},
+        {"root": "HKLM", "key": "SOFTWARE\\Q", "name": "", "type": "string", "value": "gr\u00fc\u00df"},
+        {"root": "HKCU", "key": "SOFTWARE\\Q", "name": "old", "type": "absent"}
+      ],
+      "host_service_status": 0,
+      "fail_components": {"productinfo": 5, "connect_integrator": 1168},
+      "fail_serial_execution": 8,
+      "product_agent_async": false,
+      "null_component_manager": true,
+      "null_event_queue": true,
+      "steps": [
+        "init",
+        {"do": "start", "note": "now"},
+        {"do": "service_status", "service": 0, "status": 1},
+        {"do": "session_change", "time": 7, "event": 5, "info": false},
+        {"do": "session_change", "event": 6},
+        "user_info_changed",
+        {"do": "user_info_reply", "level": "msp", "text": "Org"},
+        {"do": "advance", "ms": 2592000000},
+        "wait_idle",
+        {"do": "set_registry", "root": "HKLM", "key": "K", "name": "N", "type": "dword", "value": 1},
+        "stop",
+        "start",
+        "stop"
+      ]
+    })");
+    ASSERT_TRUE(result.scenario.has_value()) << result.error;
+    const Scenario& s = *result.scenario;
+    EXPECT_EQ(s.description, "all of it");
+    EXPECT_EQ(s.settings, (std::vector<Setting>{{217, L"Desktop", L"SOFTWARE\\Quillmarten\\Security"}}));
+    EXPECT_EQ(s.missingSetting, MissingSetting::NotFoundText);
+    EXPECT_EQ(s.registry,
+              (std::vector<RegistryValue>{
+                  {RegistryRoot::Users, L".DEFAULT\\SOFTWARE\\Sub_ID_X", L"GsShowed", RegistryType::Dword, 0xFFFFFFFFu, L""},
+                  {RegistryRoot::LocalMachine, L"SOFTWARE\\Q", L"", RegistryType::String, 0, L"gr\u00fc\u00df"},
+                  {RegistryRoot::CurrentUser, L"SOFTWARE\\Q", L"old", RegistryType::Absent, 0, L""}}));
+    EXPECT_EQ(s.hostServiceStatus, 0u);
+    EXPECT_EQ(s.failComponents, (std::map<std::wstring, uint32_t>{{L"productinfo", 5}, {L"connect_integrator", 1168}}));
+    EXPECT_EQ(s.failSerialExecution, 8u);
+    EXPECT_FALSE(s.productAgentAsync);
+    EXPECT_TRUE(s.nullComponentManager);
+    EXPECT_TRUE(s.nullEventQueue);
+
+    const std::vector<StepAction> expected = {
+        InitStep{},
+        StartStep{},
+        ServiceStatusStep{0, 1},
+        SessionChangeStep{7, 5, false},
+        SessionChangeStep{0, 6, true},
+        UserInfoChangedStep{},
+        UserInfoReplyStep{L"msp", L"Org"},
+        AdvanceStep{kMaxAdvanceMs},
+        WaitIdleStep{},
+        SetRegistryStep{{RegistryRoot::LocalMachine, L"K", L"N", RegistryType::Dword, 1, L""}},
+        StopStep{},
+        StartStep{},
+        StopStep{},
+    };
+    ASSERT_EQ(s.steps.size(), expected.size());
+    for (size_t i = 0; i < expected.size(); ++i)
+        EXPECT_TRUE(s.steps[i].action == expected[i]) << "step " << i << ": " << Describe(s.steps[i].action);
+    EXPECT_EQ(s.steps[1].note, "now");
+
+    // Everything but the steps has a default.
+    const ParseResult minimal = ParseScenario("{\"steps\": []}");
+    ASSERT_TRUE(minimal.scenario.has_value()) << minimal.error;
+    EXPECT_EQ(minimal.scenario->missingSetting, MissingSetting::Null);
+    EXPECT_EQ(minimal.scenario->hostServiceStatus, 1u);
+    EXPECT_TRUE(minimal.scenario->productAgentAsync);
+    EXPECT_EQ(minimal.scenario->failSerialExecution, 0u);
+    EXPECT_TRUE(minimal.scenario->failComponents.empty());
+}
+
+// A file in the temporary folder, removed again at the end of the test.
+class TempFile
+{
+public:
+    explicit TempFile(const std::string& content)
+    {
+        wchar_t folder[MAX_PATH + 1] = {};
+        GetTempPathW(MAX_PATH + 1, folder);
+        path = std::wstring(folder) + L"scenario_test_" + std::to_wstring(GetCurrentProcessId()) + L".json";
+        std::ofstream(path.c_str(), std::ios::binary) << content;
+    }
+    ~TempFile() { DeleteFileW(path.c_str()); }
+    TempFile(const TempFile&) = delete;
+    TempFile& operator=(const TempFile&) = delete;
+
+    std::wstring path;
+};
+
+TEST(ScenarioFile, ReadsTextOrTellsWhyNot)
+{
+    {
+        const TempFile file("\xEF\xBB\xBF{\"steps\": []}");
+        const FileText read = ReadScenarioFile(file.path);
+        ASSERT_TRUE(read.text.has_value()) << read.error;
+        EXPECT_EQ(*read.text, "{\"steps\": []}");
+    }
+    {
+        const TempFile file(" \r\n\t");
+        const FileText read = ReadScenarioFile(file.path);
+        EXPECT_FALSE(read.text.has_value());
+        EXPECT_EQ(read.error, "the file is empty (expected a JSON object with \"steps\")");
+    }
+    {
+        const TempFile file(std::string(kMaxScenarioBytes + 1, ' '));
+        const FileText read = ReadScenarioFile(file.path);
+        EXPECT_FALSE(read.text.has_value());
+        EXPECT_EQ(read.error, "the file is larger than 1048576 bytes");
+    }
+    const FileText missing = ReadScenarioFile(L"no such folder\\no such file.json");
+    EXPECT_FALSE(missing.text.has_value());
+    EXPECT_EQ(missing.error.rfind("cannot open the file (", 0), 0u) << missing.error;
+}
+} // namespace
