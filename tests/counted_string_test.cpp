@@ -1,0 +1,176 @@
+// The counted string against its binary layout, as the host makes and reads
+// it. The host's manager here is a bare table of four functions whose blocks
+// end at an inaccessible page: any access past a block is an access fault.
+#include <windows.h>
+
+#include <malloc.h>
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstring>
+#include <new>
+#include <string>
+
+#include "support/counted_string.h"
+
+namespace
+{
+using qm::CountedString;
+using qm::CountedStringDescriptor;
+
+char* FencedAlloc(std::size_t size)
+{
+    const std::size_t span = (size + 4095) / 4096 * 4096;
+    auto* base = static_cast<char*>(VirtualAlloc(nullptr, span + 4096, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
+    DWORD old;
+    VirtualProtect(base + span, 4096, PAGE_NOACCESS, &old);
+    return base + span - size;
+}
+
+void FencedFree(void* block)
+{
+    MEMORY_BASIC_INFORMATION info{};
+    VirtualQuery(block, &info, sizeof info);
+    VirtualFree(info.AllocationBase, 0, MEM_RELEASE);
+}
+
+// Its Realloc never resizes in place: the string must Alloc, copy and Free.
+struct HostMgr
+{
+    const void* const* table;
+    std::array<int, 4> calls{}; // Alloc, Realloc, Free, Release
+    bool fail = false;
+};
+void* HostAlloc(HostMgr* m, std::uint64_t size) { ++m->calls[0]; return m->fail ? nullptr : FencedAlloc(size); }
+void* HostRealloc(HostMgr* m, void* p, std::uint64_t size) { ++m->calls[1]; return m->fail || p ? nullptr : FencedAlloc(size); }
+void HostFree(HostMgr* m, void* block) { ++m->calls[2]; FencedFree(block); }
+void HostRelease(HostMgr* m) { ++m->calls[3]; }
+const void* const kHostTable[] = {reinterpret_cast<const void*>(&HostAlloc), reinterpret_cast<const void*>(&HostRealloc),
+    reinterpret_cast<const void*>(&HostFree), reinterpret_cast<const void*>(&HostRelease)};
+
+// What the host does to the one pointer a record holds.
+void WritePointer(CountedString& s, char* text)
+{
+    std::memcpy(static_cast<void*>(&s), &text, sizeof text);
+}
+
+void AdoptHostString(CountedString& s, HostMgr& m, const char* text, std::size_t capacity)
+{
+    auto* descriptor = new (FencedAlloc(sizeof(CountedStringDescriptor)))
+        CountedStringDescriptor{reinterpret_cast<qm::IMemMgr*>(&m), std::strlen(text), capacity, 64, 1, 1};
+    char* block = FencedAlloc(capacity + 21);
+    const std::uint32_t guard = 0xABCD;
+    std::memcpy(block, &guard, 4);
+    std::memcpy(block + 4, &descriptor, 8);
+    std::memcpy(block + 12, &guard, 4);
+    std::strcpy(block + 16, text);
+    std::memcpy(block + 17 + capacity, &guard, 4);
+    WritePointer(s, block + 16);
+}
+
+const CountedStringDescriptor& Descriptor(const CountedString& s)
+{
+    CountedStringDescriptor* descriptor;
+    std::memcpy(&descriptor, s.Text() - 12, sizeof descriptor);
+    return *descriptor;
+}
+
+// Host strings grow through their own manager (Alloc, copy, Free) in
+// blocks that end at the fence: a guard written past its place faults.
+TEST(CountedStringTest, AssignGrowsByTheTable)
+{
+    constexpr std::size_t kNoStorage = ~std::size_t{0};
+    const std::size_t rows[][3] = {{64, 100, 128}, {1024, 2000, 2048}, {1024, 5000, 5000}, {128, 10, 128}, {kNoStorage, 0, 64}};
+    for (const auto& [capacity, length, grown] : rows)
+    {
+        for (const bool host : {false, true})
+        {
+            if (host && capacity == kNoStorage)
+                continue;
+            SCOPED_TRACE(testing::Message() << capacity << " " << length << (host ? " host" : ""));
+            HostMgr m{kHostTable};
+            CountedString s;
+            if (host)
+                AdoptHostString(s, m, "old", capacity);
+            else if (capacity != kNoStorage && !s.Reserve(capacity))
+                FAIL();
+            const std::string text(length, 'q');
+            ASSERT_TRUE(s.Assign(text.data(), text.size()));
+            EXPECT_EQ(text, s.Text());
+            EXPECT_EQ(length, Descriptor(s).length);
+            EXPECT_EQ(grown, Descriptor(s).capacity);
+            EXPECT_EQ(host ? reinterpret_cast<qm::IMemMgr*>(&m) : &qm::defaultStringMemMgr, Descriptor(s).manager);
+            if (!host)
+            {
+                EXPECT_EQ(grown + 21, _msize(const_cast<char*>(s.Text() - 16)));
+            }
+            const int growths = host && grown != capacity;
+            EXPECT_EQ((std::array<int, 4>{growths, growths, growths, 0}), m.calls);
+        }
+    }
+}
+
+TEST(CountedStringTest, DestructionFreesThroughTheDescriptorsManagerOnce)
+{
+    HostMgr m{kHostTable};
+    alignas(CountedString) unsigned char storage[sizeof(CountedString)];
+    auto* s = new (storage) CountedString;
+    AdoptHostString(*s, m, "host", 8);
+    s->~CountedString();
+    EXPECT_EQ((std::array<int, 4>{0, 0, 2, 1}), m.calls); // block and descriptor
+    char* pointer;
+    std::memcpy(&pointer, storage, sizeof pointer);
+    EXPECT_EQ(nullptr, pointer);
+    s->~CountedString(); // finds the null pointer: nothing to free
+    EXPECT_EQ((std::array<int, 4>{0, 0, 2, 1}), m.calls);
+}
+
+TEST(CountedStringTest, FailedAllocationLeavesTheStringUnchanged)
+{
+    HostMgr m{kHostTable};
+    CountedString host, plugin;
+    AdoptHostString(host, m, "keep", 8);
+    const char* text = host.Text();
+    m.fail = true;
+    EXPECT_FALSE(host.Assign(std::string(100, 'x').c_str()));
+    EXPECT_FALSE(host.Reserve(4));
+    EXPECT_EQ((std::array<int, 4>{2, 2, 0, 0}), m.calls);
+    EXPECT_EQ(text, host.Text());
+    EXPECT_STREQ("keep", text);
+    EXPECT_EQ(8u, Descriptor(host).capacity);
+    EXPECT_EQ(4u, Descriptor(host).length);
+    ASSERT_TRUE(plugin.Assign("abc"));
+    EXPECT_FALSE(plugin.Reserve(~std::size_t{0}));
+    EXPECT_FALSE(plugin.Reserve(std::size_t{1} << 60));
+    EXPECT_STREQ("abc", plugin.Text());
+}
+
+bool FailedFast(int status)
+{
+    return static_cast<DWORD>(status) == 0xC0000602; // STATUS_FAIL_FAST_EXCEPTION, not an access fault
+}
+
+// Capacity 8: the guards are at text - 16, text - 4 and text + 9.
+void BreakGuardThen(int at, bool set)
+{
+    HostMgr m{kHostTable};
+    CountedString s;
+    AdoptHostString(s, m, "abc", 8);
+    const_cast<char*>(s.Text())[at] ^= 1;
+    if (set)
+    {
+        s.Set("xyz");
+        WritePointer(s, nullptr); // so that only Set can have failed
+    }
+}
+
+TEST(CountedStringDeathTest, BrokenGuardFailsFastWithoutTouchingPastTheBlock)
+{
+    for (const int at : {-16, -4, 9})
+    {
+        EXPECT_EXIT(BreakGuardThen(at, true), FailedFast, "") << at;
+        EXPECT_EXIT(BreakGuardThen(at, false), FailedFast, "") << at;
+    }
+}
+} // namespace
