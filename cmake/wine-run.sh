@@ -6,13 +6,19 @@
 # program's descriptors; with files instead of the caller's pipes they can
 # never keep a caller such as ctest waiting. A persistent server for this
 # prefix lingers 30 s after its last client so that back-to-back runs start
-# fast. PCP_WINE_TIMEOUT (seconds, default 110) bounds the run.
+# fast; scripts/test.sh and scripts/run.sh stop it when they finish.
+# PCP_WINE_TIMEOUT (seconds, default 110) bounds the run; a run that hits it
+# is killed and ends with status 124. PCP_WINE_LIVE=1 shows the program's
+# standard output while it runs (its errors still come at the end);
+# PCP_WINE_MERGE=1 sends its errors into its output, in the order written
+# (the runner and the plugin's log library write to one stream each).
 set -u
-prefix=$1
+prefix=$(realpath -m "$1")
 shift
 export WINEPREFIX=$prefix WINEARCH=win64 WINEDEBUG=${WINEDEBUG:--all}
 wine=/usr/lib/wine/wine64
 server=/usr/lib/wine/wineserver
+limit=${PCP_WINE_TIMEOUT:-110}
 if [ ! -f "$prefix/system.reg" ]; then
   echo "wine-run: no Wine prefix at $prefix (build the 'wineprefix' target first)" >&2
   exit 2
@@ -20,9 +26,27 @@ fi
 "$server" -p30 </dev/null >/dev/null 2>&1
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
-timeout -k 5 "${PCP_WINE_TIMEOUT:-110}" "$wine" "$@" </dev/null >"$tmp/out" 2>"$tmp/err"
+: >"$tmp/out"
+: >"$tmp/err"
+if [ "${PCP_WINE_MERGE:-0}" = 1 ]; then
+  timeout -k 5 "$limit" "$wine" "$@" </dev/null >"$tmp/out" 2>&1 &
+else
+  timeout -k 5 "$limit" "$wine" "$@" </dev/null >"$tmp/out" 2>"$tmp/err" &
+fi
+pid=$!
+# timeout leads its own process group: take it down if we are stopped.
+trap 'kill -TERM -- -$pid 2>/dev/null; exit 143' INT TERM
+if [ "${PCP_WINE_LIVE:-0}" = 1 ]; then
+  tail -c +1 -s 0.2 --pid=$pid -f "$tmp/out" | tr -d '\r' &
+  shown=$!
+fi
+wait $pid
 rc=$?
-[ $rc -eq 124 ] && echo "wine-run: $1 timed out after ${PCP_WINE_TIMEOUT:-110} s" >>"$tmp/err"
-tr -d '\r' <"$tmp/out"
+[ $rc -eq 124 ] && echo "wine-run: $1 timed out after $limit s" >>"$tmp/err"
+if [ -n "${shown:-}" ]; then
+  wait "$shown"
+else
+  tr -d '\r' <"$tmp/out"
+fi
 tr -d '\r' <"$tmp/err" >&2
 exit $rc
