@@ -21,6 +21,7 @@ const Strings kReleaseOrder = {"QmServiceStatusClient", "SubscriptionCommClient"
 struct InitCase
 {
     const char* what;
+    std::string message; // logged at level 4 in Init's scope
     std::function<IServMain*(sim::Host&)> setUp;
     Status status;
     size_t acquiredBeforeFailure; // of kAllFive; 5 with no failing component
@@ -36,32 +37,34 @@ std::wstring Wide(const std::string& text)
 std::vector<InitCase> InitCases()
 {
     std::vector<InitCase> cases = {
-        {"servMain null", [](sim::Host&) -> IServMain* { return nullptr; }, 31, 0, false, false},
-        {"component manager null",
+        {"servMain null", "ServMain is null!", [](sim::Host&) -> IServMain* { return nullptr; }, 31, 0, false, false},
+        {"component manager null", "Component manager is null!",
          [](sim::Host& h) -> IServMain* {
              h.SetComponentManagerNull(true);
              return &h;
          },
          31, 0, false, false},
-        {"event queue null",
+        {"event queue null", "Event queue is null!",
          [](sim::Host& h) -> IServMain* {
              h.SetEventQueueNull(true);
              return &h;
          },
          31, 0, false, false},
-        {"serial execution refused",
+        {"serial execution refused", "Error creating serial Execution, err: -2147467259",
          [](sim::Host& h) -> IServMain* {
-             h.queue.FailCreateSerialExecution(8);
+             h.queue.FailCreateSerialExecution(0x80004005u);
              return &h;
          },
-         8, 0, false, false},
+         0x80004005u, 0, false, false},
     };
-    const Status statuses[] = {5, 1168, 0x80004005u, 2, 1460};
+    const Status statuses[] = {5, 1168, 1460, 2, 87};
+    const char* messages[] = {"Get subscription failed: ", "Get session change failed: ", "Get serv config failed: ",
+                              "Get service status client failed, err: ", "Get IProductAgent failed, err: "};
     for (size_t i = 0; i < kAllFive.size(); ++i)
     {
         const std::string name = kAllFive[i];
         const Status status = statuses[i];
-        cases.push_back({"component fails",
+        cases.push_back({"component fails", messages[i] + std::to_string(status),
                          [name, status](sim::Host& h) -> IServMain* {
                              h.components.Fail(Wide(name), status);
                              return &h;
@@ -82,7 +85,9 @@ TEST_F(PluginTest, InitFailuresGiveTheirStatusAndGiveBackWhatWasAcquired)
         plugin = module.Create();
         ASSERT_NE(plugin, nullptr);
 
+        log.Clear();
         EXPECT_EQ(plugin->Init(row.setUp(*host)), row.status);
+        EXPECT_EQ(log.Messages("ERROR"), Strings{"CProductConfigurationPlg::Init: " + row.message});
 
         // Asked in order up to the failing name, never beyond it; what was
         // acquired is given back once, in UnInit's order.
@@ -142,6 +147,7 @@ TEST_F(PluginTest, DelayedLoadRunsOnceHoweverOftenItIsPosted)
 
     EXPECT_EQ(host->ledger.ReceivedCount("_DelayedLoad"), 3u);
     EXPECT_EQ(host->journal.Count("Run _DelayedLoad"), 3u);
+    EXPECT_EQ(log.Messages("INFO"), Strings(2, "CProductConfigurationPlg::_DelayedLoad: Already initialized"));
     EXPECT_EQ(host->subscription.SinkCount(), 1u);
     EXPECT_EQ(host->sessionChange.SinkCount(), 1u);
     EXPECT_EQ(host->productAgent.SinkCount(), 1u);
@@ -168,6 +174,7 @@ TEST_F(PluginTest, NothingButTheObserverUntilTheHostServiceHasLoaded)
     EXPECT_NE(host->journal.Find("QmServiceStatusClient.GetStatus 0 -> 0", added), sim::Journal::npos);
     EXPECT_EQ(host->serviceStatus.ObserverCount(), 1u);
     EXPECT_EQ(host->ledger.ReceivedCount(), 0u);
+    EXPECT_EQ(log.Messages("INFO"), Strings{"CProductConfigurationPlg::Start: Orbhub service is not loaded yet"});
     EXPECT_EQ(host->subscription.SinkCount(), 0u);
 
     host->serviceStatus.Deliver(0, 1);

@@ -3,6 +3,18 @@
 #include <cstdio>
 
 #include "plugin/factory.h"
+#include "support/logger_stream.h"
+#include "support/trace_scope.h"
+
+namespace
+{
+constexpr wchar_t kInit[] = L"CProductConfigurationPlg::Init";
+}
+
+CProductConfigurationPlg::CProductConfigurationPlg()
+{
+    logRef.Acquire();
+}
 
 void* CProductConfigurationPlg::QueryInterface(const InterfaceId& id)
 {
@@ -11,7 +23,9 @@ void* CProductConfigurationPlg::QueryInterface(const InterfaceId& id)
 
 Status CProductConfigurationPlg::Init(IServMain* servMain)
 {
+    TraceScope trace(kInit);
     Status result = ERROR_GEN_FAILURE;
+    // Every failure is logged here, then UnInit gives back what was acquired.
     auto fail = [this, &result](Status status) {
         result = status;
         static_cast<IServPlugin*>(this)->UnInit();
@@ -19,19 +33,32 @@ Status CProductConfigurationPlg::Init(IServMain* servMain)
     };
 
     if (servMain == nullptr)
+    {
+        logger_stream(logging::LevelError, kInit) << "ServMain is null!";
         return fail(ERROR_GEN_FAILURE);
+    }
     IComponentManager* manager = servMain->GetComponentManager();
     if (manager == nullptr)
+    {
+        logger_stream(logging::LevelError, kInit) << "Component manager is null!";
         return fail(ERROR_GEN_FAILURE);
+    }
     eventQueue = servMain->GetEventQueue();
     if (eventQueue == nullptr)
+    {
+        logger_stream(logging::LevelError, kInit) << "Event queue is null!";
         return fail(ERROR_GEN_FAILURE);
+    }
 
     ISerialExecution* serial = nullptr;
     const Status serialStatus = eventQueue->CreateSerialExecution(&serial);
     serialExecution = SerialExecutionHolder(eventQueue, serial);
     if (serialStatus != 0)
+    {
+        logger_stream(logging::LevelError, kInit)
+            << "Error creating serial Execution, err: " << static_cast<int32_t>(serialStatus);
         return fail(serialStatus);
+    }
 
     unsigned long long a = 0, b = 0, c = 0, d = 0, e = 0;
     sscanf(ids::SubscriptionCommClientText, "%llx-%llx-%llx-%llx-%llx", &a, &b, &c, &d, &e);
@@ -41,28 +68,44 @@ Status CProductConfigurationPlg::Init(IServMain* servMain)
     subscriptionClient =
         ComponentHolder<ISubscriptionCommClient>::Acquire(manager, L"SubscriptionCommClient", subscriptionId, status);
     if (status != 0)
+    {
+        logger_stream(logging::LevelError, kInit) << "Get subscription failed: " << status;
         return fail(status);
+    }
     sessionClient =
         ComponentHolder<ISessionChangeClient>::Acquire(manager, L"sessionchange", ids::SessionChangeClient, status);
     if (status != 0)
+    {
+        logger_stream(logging::LevelError, kInit) << "Get session change failed: " << status;
         return fail(status);
+    }
     productInfo = ComponentHolder<IServConfig>::Acquire(manager, L"productinfo", ids::ServConfig, status);
     if (status != 0)
+    {
+        logger_stream(logging::LevelError, kInit) << "Get serv config failed: " << status;
         return fail(status);
+    }
     serviceStatusClient = ComponentHolder<IServiceStatusClient>::Acquire(manager, L"QmServiceStatusClient",
                                                                          ids::ServiceStatusClient, status);
     if (status != 0)
+    {
+        logger_stream(logging::LevelError, kInit) << "Get service status client failed, err: " << status;
         return fail(status);
+    }
     productAgentClient = ComponentHolder<IProductAgentCommClient>::Acquire(manager, L"productagentcommclient",
                                                                            ids::ProductAgentCommClient, status);
     if (status != 0)
+    {
+        logger_stream(logging::LevelError, kInit) << "Get IProductAgent failed, err: " << status;
         return fail(status);
+    }
 
     return 0;
 }
 
 void CProductConfigurationPlg::UnInit()
 {
+    TraceScope trace(L"CProductConfigurationPlg::UnInit");
     serviceStatusClient.Reset();
     subscriptionClient.Reset();
     sessionClient.Reset();
@@ -72,6 +115,7 @@ void CProductConfigurationPlg::UnInit()
 
 Status CProductConfigurationPlg::Start()
 {
+    TraceScope trace(L"CProductConfigurationPlg::Start");
     SetLastError(0);
     HANDLE event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     const DWORD lastError = GetLastError();
@@ -87,11 +131,14 @@ Status CProductConfigurationPlg::Start()
     serviceStatusClient->AddObserver(static_cast<IServiceStatusObserver*>(this));
     if (serviceStatusClient->GetStatus(0) == 1)
         _PostDelayedLoad();
+    else
+        logger_stream(logging::LevelInfo, L"CProductConfigurationPlg::Start") << "Orbhub service is not loaded yet";
     return 0;
 }
 
 void CProductConfigurationPlg::Stop()
 {
+    TraceScope trace(L"CProductConfigurationPlg::Stop");
     serviceStatusClient->RemoveObserver(static_cast<IServiceStatusObserver*>(this));
     subscriptionClient->Unsubscribe(static_cast<ISubscriptionEvents*>(this));
     sessionClient->Unsubscribe(static_cast<ISessionChangeEvents*>(this));
@@ -119,6 +166,7 @@ void CProductConfigurationPlg::Stop()
 
 void CProductConfigurationPlg::OnServiceStatusChanged(uint32_t service, uint32_t status)
 {
+    TraceScope trace(L"CProductConfigurationPlg::OnServiceStatusChanged");
     if (service == 0 && status == 1)
         _PostDelayedLoad();
 }
@@ -141,8 +189,12 @@ void CProductConfigurationPlg::OnGetUserInfoExAsync(IUserInfo* /*info*/)
 
 void CProductConfigurationPlg::_DelayedLoad()
 {
+    TraceScope trace(L"CProductConfigurationPlg::_DelayedLoad");
     if (delayedLoadDone)
+    {
+        logger_stream(logging::LevelInfo, L"CProductConfigurationPlg::_DelayedLoad") << "Already initialized";
         return;
+    }
     delayedLoadDone = true;
 
     subscriptionClient->Subscribe(static_cast<ISubscriptionEvents*>(this));

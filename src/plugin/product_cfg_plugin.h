@@ -11,6 +11,7 @@
 #include "host/plugin.h"
 #include "host/sinks.h"
 #include "host/work_item.h"
+#include "support/log_client.h"
 #include "support/unique_resource.h"
 
 // Name of the event that a running installer creates and sets when it ends.
@@ -28,7 +29,8 @@ class CProductConfigurationPlg : public IServPlugin,
                                  public IProductAgentResponse
 {
 public:
-    CProductConfigurationPlg() = default;
+    // Keeps the logging library loaded for the object's life.
+    CProductConfigurationPlg();
     ~CProductConfigurationPlg() override = default;
 
     CProductConfigurationPlg(const CProductConfigurationPlg&) = delete;
@@ -89,4 +91,5 @@ private:
     std::thread waitThread;
     TimerHandle productCfgTimer = 0;
     uint32_t productCfgDelayMs = 0;
+    CLogDLLRef logRef;
 };
