@@ -5,6 +5,10 @@
 
 #include <windows.h>
 
+#include <objbase.h>
+#include <userenv.h>
+#include <wtsapi32.h>
+
 #include <utility>
 
 template <class Traits>
@@ -74,7 +78,36 @@ struct ModuleTraits
     static void Close(Type h) { FreeLibrary(h); }
 };
 
+template <class T>
+struct CoTaskMemTraits // memory the shell hands out, such as known-folder paths
+{
+    using Type = T*;
+    static Type Invalid() { return nullptr; }
+    static void Close(Type p) { CoTaskMemFree(p); }
+};
+
+struct EnvironmentBlockTraits // from CreateEnvironmentBlock
+{
+    using Type = void*;
+    static Type Invalid() { return nullptr; }
+    static void Close(Type p) { DestroyEnvironmentBlock(p); }
+};
+
+template <class T>
+struct WtsMemoryTraits // lists and texts from the WTS functions
+{
+    using Type = T*;
+    static Type Invalid() { return nullptr; }
+    static void Close(Type p) { WTSFreeMemory(p); }
+};
+
 using UniqueHandle = UniqueResource<HandleTraits>;
 using UniqueFileHandle = UniqueResource<FileHandleTraits>;
 using UniqueRegKey = UniqueResource<RegKeyTraits>;
 using UniqueModule = UniqueResource<ModuleTraits>;
+using UniqueSnapshot = UniqueResource<FileHandleTraits>; // toolhelp snapshots
+using UniqueEnvironmentBlock = UniqueResource<EnvironmentBlockTraits>;
+template <class T>
+using UniqueWtsMemory = UniqueResource<WtsMemoryTraits<T>>;
+template <class T>
+using UniqueCoTaskMem = UniqueResource<CoTaskMemTraits<T>>;

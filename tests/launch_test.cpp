@@ -1,0 +1,312 @@
+// Starting ProductCfg.exe for real under Wine: the user token, the lookup of a
+// running process, the launch and its command line, and that nothing stays
+// open. Every stand-in a test starts has ended when the test ends.
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "launch/process_launch.h"
+#include "launch/process_lookup.h"
+#include "launch/sessions.h"
+#include "launch/user_token.h"
+#include "support/log_client.h"
+
+namespace
+{
+constexpr DWORD kBoundMs = 20000;
+using Lines = std::vector<std::string>;
+
+std::wstring ExeDirectory()
+{
+    wchar_t path[MAX_PATH];
+    const std::wstring exe(path, GetModuleFileNameW(nullptr, path, MAX_PATH));
+    return exe.substr(0, exe.rfind(L'\\'));
+}
+const std::wstring kBeside = ExeDirectory() + L"\\ProductCfg.exe";
+
+// Handles of this process in the system's handle table (class 64, extended
+// entries of 5 words): Wine keeps it for real, GetProcessHandleCount is 0.
+size_t OpenHandleCount()
+{
+    using QueryFn = LONG(WINAPI*)(ULONG, void*, ULONG, ULONG*);
+    const auto query = reinterpret_cast<QueryFn>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation")));
+    std::vector<ULONG_PTR> table(1 << 16); // count, reserved, then the entries
+    LONG status = 0;
+    while ((status = query(64, table.data(), static_cast<ULONG>(table.size() * sizeof(ULONG_PTR)), nullptr)) ==
+           static_cast<LONG>(0xC0000004)) // too small
+        table.resize(table.size() * 2);
+    if (status != 0)
+        return SIZE_MAX;
+    size_t count = 0;
+    for (ULONG_PTR i = 0; i < table[0]; ++i)
+        count += table[2 + i * 5 + 1] == GetCurrentProcessId(); // object, owner, handle, ...
+    return count;
+}
+
+// Address space in use, where Wine's environment blocks live.
+uint64_t VirtualBytesInUse()
+{
+    MEMORYSTATUSEX status{};
+    status.dwLength = sizeof(status);
+    GlobalMemoryStatusEx(&status);
+    return status.ullTotalVirtual - status.ullAvailVirtual;
+}
+
+UniqueHandle OwnToken(bool bSystem)
+{
+    return GetUserToken(GetCurrentProcessId(), GetFirstActiveSessionId(), bSystem);
+}
+
+// Stand-ins held running for a minute, recording themselves into a file of the
+// test's own, and the log library's lines in another.
+class ProductCfgTest : public ::testing::Test
+{
+protected:
+    ProductCfgTest()
+    {
+        const std::wstring readyName = L"pcp-productcfg-ready-" + std::to_wstring(GetCurrentProcessId());
+        ready.reset(CreateEventW(nullptr, FALSE, FALSE, readyName.c_str()));
+        wchar_t temp[MAX_PATH];
+        GetTempPathW(MAX_PATH, temp);
+        workDir = temp + readyName;
+        CreateDirectoryW(workDir.c_str(), nullptr);
+        CopyFileW(kBeside.c_str(), (workDir + L"\\ProductCfg.exe").c_str(), FALSE);
+        SetEnvironmentVariableW(L"PCP_PRODUCTCFG_RECORD", (workDir + L"\\record.txt").c_str());
+        SetEnvironmentVariableW(L"PCP_PRODUCTCFG_READY", readyName.c_str());
+        SetEnvironmentVariableW(L"PCP_PRODUCTCFG_HOLD_MS", L"60000");
+        SetEnvironmentVariableW(L"QM_LOG_FILE", (workDir + L"\\log.txt").c_str());
+        logRef.Acquire();
+        GetCurrentDirectoryW(MAX_PATH, savedDirectory);
+    }
+    ~ProductCfgTest() override
+    {
+        while (!processes.empty())
+            End(processes.back().first, false);
+        logRef.Release(); // while its file is still named
+        SetCurrentDirectoryW(savedDirectory);
+        for (const wchar_t* name : {L"PCP_PRODUCTCFG_RECORD", L"PCP_PRODUCTCFG_READY", L"QM_LOG_FILE"})
+            SetEnvironmentVariableW(name, nullptr);
+        for (const wchar_t* file : {L"\\record.txt", L"\\log.txt", L"\\ProductCfg.exe"})
+            DeleteFileW((workDir + file).c_str());
+        RemoveDirectoryW(workDir.c_str());
+    }
+
+    // Starts image; unless suspended, waits until it has recorded itself.
+    DWORD Start(const std::wstring& image, DWORD flags = 0)
+    {
+        wchar_t commandLine[] = L"\"ProductCfg.exe\"";
+        STARTUPINFOW startup{};
+        startup.cb = sizeof(startup);
+        PROCESS_INFORMATION created{};
+        EXPECT_TRUE(CreateProcessW(image.c_str(), commandLine, nullptr, nullptr, FALSE, flags | CREATE_NO_WINDOW,
+                                   nullptr, nullptr, &startup, &created));
+        UniqueHandle thread(created.hThread);
+        processes.emplace_back(created.dwProcessId, UniqueHandle(created.hProcess));
+        EXPECT_EQ((flags & CREATE_SUSPENDED) ? 0 : WaitForSingleObject(ready.get(), kBoundMs), WAIT_OBJECT_0);
+        return created.dwProcessId;
+    }
+    // Waits for a stand-in that the code under test started, takes it into
+    // keeping and gives its line's fields: pid, session, current directory,
+    // executable, command line.
+    std::vector<std::wstring> AwaitLaunched()
+    {
+        EXPECT_EQ(WaitForSingleObject(ready.get(), kBoundMs), WAIT_OBJECT_0);
+        std::ifstream in((workDir + L"\\record.txt").c_str(), std::ios::binary);
+        std::string line, last;
+        while (std::getline(in, line))
+            last = line.substr(0, line.size() - 1); // without the CR
+        std::wstring wide(last.size(), L'\0');
+        wide.resize(MultiByteToWideChar(CP_UTF8, 0, last.data(), static_cast<int>(last.size()), &wide[0],
+                                        static_cast<int>(wide.size())));
+        std::vector<std::wstring> fields(5);
+        std::wistringstream split(wide);
+        for (size_t i = 0; i < fields.size(); ++i)
+            std::getline(split, fields[i], i + 1 < fields.size() ? L'\t' : L'\n');
+        const DWORD pid = std::wcstoul(fields[0].c_str(), nullptr, 10);
+        processes.emplace_back(pid, UniqueHandle(OpenProcess(SYNCHRONIZE | PROCESS_TERMINATE, FALSE, pid)));
+        return fields;
+    }
+    // Ends stand-in pid; untilGone: waits too until the identifier names no
+    // process (Wine drops the object a little after the end).
+    void End(DWORD pid, bool untilGone = true)
+    {
+        const auto found = std::find_if(processes.begin(), processes.end(), [&](auto& p) { return p.first == pid; });
+        ASSERT_NE(found, processes.end()) << pid;
+        TerminateProcess(found->second.get(), 1);
+        EXPECT_EQ(WaitForSingleObject(found->second.get(), kBoundMs), WAIT_OBJECT_0) << pid;
+        processes.erase(found);
+        for (DWORD ms = 0; untilGone && UniqueHandle(OpenProcess(SYNCHRONIZE, FALSE, pid)) && ms < kBoundMs; ms += 10)
+            Sleep(10);
+    }
+    // "function: text" of the log lines at level (ERROR, WARN, INFO).
+    Lines Messages(const std::string& level) const
+    {
+        std::ifstream in((workDir + L"\\log.txt").c_str(), std::ios::binary);
+        Lines result;
+        for (std::string line, time, thread, name, rest; std::getline(in, line);)
+        {
+            std::istringstream fields(line.substr(0, line.find('\r')));
+            if (fields >> time >> thread >> name && name == level && std::getline(fields >> std::ws, rest))
+                result.push_back(rest);
+        }
+        return result;
+    }
+
+    std::wstring workDir; // holds a copy of the stand-in too
+    wchar_t savedDirectory[MAX_PATH] = {};
+    UniqueHandle ready;
+    std::vector<std::pair<DWORD, UniqueHandle>> processes;
+    CLogDLLRef logRef;
+};
+
+TEST_F(ProductCfgTest, LaunchStartsTheImageBesideTheHostWithTheParametersAsGivenAndLogsIt)
+{
+    // The current directory holds a copy of the image: the host's folder wins.
+    wchar_t elsewhere[MAX_PATH];
+    ASSERT_TRUE(SetCurrentDirectoryW(workDir.c_str()));
+    GetCurrentDirectoryW(MAX_PATH, elsewhere);
+    const std::wstring longest(kCommandLineChars - 1 - 17, L'x'); // the longest line: 32766 characters
+    const struct
+    {
+        bool inSession; // through ExecuteProcessInSession(0, true, ...)
+        const wchar_t* parameters;
+        std::wstring commandLine;
+    } rows[] = {{true, L"show_seccenter", L"\"ProductCfg.exe\" show_seccenter"},
+                {false, nullptr, L"\"ProductCfg.exe\""},
+                {false, L"", L"\"ProductCfg.exe\" "},
+                {false, longest.c_str(), L"\"ProductCfg.exe\" " + longest}};
+    for (const auto& row : rows)
+    {
+        const DWORD result = row.inSession ? ExecuteProcessInSession(0, true, row.parameters)
+                                           : ExecuteProcessAsUser(row.parameters, OwnToken(true));
+        ASSERT_EQ(result, 0u) << row.commandLine.size();
+        const std::vector<std::wstring> started = AwaitLaunched();
+        EXPECT_EQ(started[2], elsewhere);
+        EXPECT_EQ(started[3], kBeside);
+        EXPECT_EQ(started[4], row.commandLine);
+    }
+    const std::string scope = "CProductConfigurationPlg::_ExecuteProcessInSession: ";
+    const std::string run = "ExecuteProcessAsUser: Run ";
+    Lines info = Messages("INFO");
+    info.resize(5);
+    EXPECT_EQ(info, (Lines{scope + "dwSessionId = 0", scope + "bSystem = true",
+                           run + "\"ProductCfg.exe\" show_seccenter", run + "\"ProductCfg.exe\"",
+                           run + "\"ProductCfg.exe\" "}));
+    EXPECT_EQ(Messages("ERROR"), Lines{});
+    EXPECT_EQ(ExecuteProcessAsUser((longest + L"x").c_str(), OwnToken(true)), DWORD{ERROR_INSUFFICIENT_BUFFER});
+}
+
+TEST(CommandLine, NeverOutgrowsItsBuffer)
+{
+    constexpr size_t kCapacity = 24; // the quoted image, a blank and 6 characters
+    for (const wchar_t* parameters : {L"abcdef", L"abcdefg", L"a long parameter string"})
+    {
+        wchar_t buffer[kCapacity + 8];
+        std::fill(std::begin(buffer), std::end(buffer), L'#');
+        EXPECT_EQ(BuildCommandLine(parameters, buffer, kCapacity), parameters[6] == L'\0') << parameters;
+        EXPECT_EQ(std::wstring(buffer, kCapacity + 8), L"\"ProductCfg.exe\" " + std::wstring(parameters).substr(0, 6) +
+                                                           L'\0' + std::wstring(8, L'#'));
+    }
+}
+
+TEST_F(ProductCfgTest, LookupFindsTheFirstProcessOfTheNameInTheFolderAskedFor)
+{
+    const DWORD copied = Start(workDir + L"\\ProductCfg.exe");
+    DWORD pid = 0;
+    ASSERT_EQ(GetProcessPid(L"productcfg.exe", pid, L""), 0u);
+    EXPECT_EQ(pid, copied) << "any folder";
+
+    const DWORD beside = Start(kBeside);
+    std::wstring upperWorkDir = workDir;
+    CharUpperBuffW(&upperWorkDir[0], static_cast<DWORD>(upperWorkDir.size()));
+    const struct
+    {
+        const wchar_t* name;
+        std::wstring directory;
+        DWORD result;
+        DWORD pid; // 0: either of the two
+    } rows[] = {{L"ProductCfg.exe", ExeDirectory(), 0, beside}, // one of these two rows skips the other process
+                {L"PRODUCTCFG.EXE", upperWorkDir + L"\\", 0, copied},
+                {L"ProductCfg.exe", L"", 0, 0},
+                {L"ProductCfg.exe", L"C:\\windows", ERROR_NOT_FOUND, 7},
+                {L"NoSuchImage.exe", L"", ERROR_NOT_FOUND, 7},
+                {L"", ExeDirectory(), ERROR_INVALID_PARAMETER, 7}};
+    for (const auto& row : rows)
+    {
+        pid = 7; // left alone on failure
+        EXPECT_EQ(GetProcessPid(row.name, pid, row.directory), row.result) << row.name << " " << row.directory;
+        EXPECT_TRUE(row.pid != 0 ? pid == row.pid : pid == copied || pid == beside) << row.name << " " << pid;
+    }
+
+    // Started first, a suspended one comes first in the snapshot; without
+    // modules to list, it ends a search by folder.
+    End(copied);
+    End(beside);
+    const DWORD suspended = Start(kBeside, CREATE_SUSPENDED);
+    Start(kBeside);
+    EXPECT_EQ(GetProcessPid(L"ProductCfg.exe", pid, ExeDirectory()), DWORD{ERROR_GEN_FAILURE});
+    EXPECT_EQ(GetProcessPid(L"ProductCfg.exe", pid, L""), 0u);
+    EXPECT_EQ(pid, suspended);
+}
+
+TEST_F(ProductCfgTest, TokensAndEveryFailureRowLeaveNothingOpenOverAThousandLookupsAndLaunches)
+{
+    const DWORD ended = Start(kBeside);
+    End(ended);
+    SetEnvironmentVariableW(L"PCP_PRODUCTCFG_DROP", L"SeDebugPrivilege");
+    const DWORD withoutDebug = Start(kBeside);
+    SetEnvironmentVariableW(L"PCP_PRODUCTCFG_DROP", nullptr);
+
+    // Wine's user is an elevated administrator: without bSystem its limited
+    // linked token comes back instead of a primary duplicate.
+    DWORD type = 0, elevation = 0, length = 0;
+    ASSERT_TRUE(GetTokenInformation(OwnToken(true).get(), TokenType, &type, sizeof(type), &length));
+    ASSERT_TRUE(GetTokenInformation(OwnToken(false).get(), TokenElevationType, &elevation, sizeof(elevation), &length));
+    EXPECT_EQ(type, DWORD{TokenPrimary});
+    EXPECT_EQ(elevation, DWORD{TokenElevationTypeLimited});
+    const UniqueHandle queryOnly = [] {
+        HANDLE token = nullptr; // CreateProcessAsUserW refuses it with 5
+        DuplicateTokenEx(OwnToken(true).get(), TOKEN_QUERY, nullptr, SecurityIdentification, TokenPrimary, &token);
+        return UniqueHandle(token);
+    }();
+    const auto round = [&] {
+        DWORD pid = 0;
+        EXPECT_EQ(GetProcessPid(L"ProductCfg.exe", pid, ExeDirectory()), 0u);
+        EXPECT_EQ(GetProcessPid(L"NoSuchImage.exe", pid, L""), DWORD{ERROR_NOT_FOUND});
+        EXPECT_TRUE(OwnToken(false));
+        EXPECT_FALSE(GetUserToken(ended, 1, true));
+        EXPECT_FALSE(GetUserToken(withoutDebug, 1, true));
+        HANDLE copy = nullptr;
+        DuplicateHandle(GetCurrentProcess(), queryOnly.get(), GetCurrentProcess(), &copy, 0, FALSE,
+                        DUPLICATE_SAME_ACCESS);
+        EXPECT_EQ(ExecuteProcessAsUser(L"show_seccenter", UniqueHandle(copy)), DWORD{ERROR_ACCESS_DENIED});
+    };
+    round(); // the first calls load what they keep for later
+    EXPECT_EQ(Messages("ERROR"), (Lines{"GetUserToken: OpenProcess pid=" + std::to_string(ended) + " failed err = 87",
+                                        "GetUserToken: AdjustTokenPrivileges failed err = 1300",
+                                        "ExecuteProcessAsUser: CreateProcessAsUser failed err=5"}));
+    EXPECT_EQ(Messages("WARN"), Lines{});
+    logRef.Release(); // thousands of lines would only slow the rounds down
+
+    const size_t handles = OpenHandleCount();
+    ASSERT_NE(handles, SIZE_MAX);
+    const uint64_t memory = VirtualBytesInUse();
+    for (int i = 0; i < 1000 && !HasFailure(); ++i)
+        round();
+    EXPECT_EQ(OpenHandleCount(), handles) << "after 1000 rounds";
+    EXPECT_LT(VirtualBytesInUse() - memory, 1000u * 1024) << "an environment block takes over 5 KB";
+    for (int i = 0; i < 50 && !HasFailure(); ++i)
+    {
+        ASSERT_EQ(ExecuteProcessAsUser(L"show_seccenter", OwnToken(true)), 0u);
+        End(std::wcstoul(AwaitLaunched()[0].c_str(), nullptr, 10), false);
+    }
+    EXPECT_EQ(OpenHandleCount(), handles) << "after 50 launches";
+}
+} // namespace
