@@ -1,5 +1,7 @@
 #include "simhost/clients.h"
 
+#include <memory>
+
 #include <windows.h>
 
 namespace sim
@@ -18,10 +20,40 @@ Status SubscriptionClient::Unsubscribe(ISubscriptionEvents* sink)
     return 0;
 }
 
-Status SubscriptionClient::GetSubscription(SubscriptionData* /*data*/)
+Status SubscriptionClient::GetSubscription(SubscriptionData* data)
 {
     journal.Record("SubscriptionCommClient.GetSubscription");
+    if (data == nullptr)
+        return ERROR_INVALID_PARAMETER;
+    std::lock_guard<std::mutex> lock(recordMutex);
+    *data = record;
     return 0;
+}
+
+void SubscriptionClient::SetRecord(const SubscriptionData& newRecord)
+{
+    std::lock_guard<std::mutex> lock(recordMutex);
+    record = newRecord;
+}
+
+void SubscriptionClient::Deliver(const SubscriptionData& delivered, bool wait)
+{
+    auto buffer = std::make_shared<SubscriptionData>(delivered);
+    auto call = [this, buffer] {
+        journal.Record("SubscriptionCommClient -> OnSubscriptionStatusChanged");
+        sinks.ForEach([&](ISubscriptionEvents* sink) { sink->OnSubscriptionStatusChanged(buffer.get()); });
+        SubscriptionData rubbish;
+        rubbish.ServerProductType = -7;
+        rubbish.ProductType = -7;
+        SetFixedText(rubbish.AccountId, "overwritten");
+        SetFixedText(rubbish.BundleId, "overwritten");
+        SetFixedText(rubbish.CommercialId, "overwritten");
+        *buffer = rubbish;
+    };
+    if (wait)
+        thread.CallAndWait(call);
+    else
+        thread.Call(call);
 }
 
 Status SessionChangeClient::Subscribe(ISessionChangeEvents* sink)

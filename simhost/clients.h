@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "config/subscription_data.h"
 #include "host/components.h"
 #include "host/sinks.h"
 #include "simhost/host_thread.h"
@@ -79,13 +80,22 @@ public:
     Status Unsubscribe(ISubscriptionEvents* sink) override;
     Status GetSubscription(SubscriptionData* data) override;
 
+    // What GetSubscription fills in.
+    void SetRecord(const SubscriptionData& record);
     size_t SinkCount() const { return sinks.Size(); }
+    // OnSubscriptionStatusChanged on this client's thread with a record the
+    // client owns; once the sinks return, the client overwrites that record
+    // (as a host reusing its buffer would), so a sink that kept the pointer
+    // finds rubbish.
+    void Deliver(const SubscriptionData& record, bool wait = true);
 
     // Waits until this client's thread has delivered everything queued.
     bool Drain(std::chrono::milliseconds timeout) { return thread.Drain(timeout); }
 
 private:
     Journal& journal;
+    std::mutex recordMutex;
+    SubscriptionData record;
     SinkList<ISubscriptionEvents> sinks;
     HostThread thread;
 };

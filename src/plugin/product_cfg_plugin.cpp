@@ -171,10 +171,6 @@ void CProductConfigurationPlg::OnServiceStatusChanged(uint32_t service, uint32_t
         _PostDelayedLoad();
 }
 
-void CProductConfigurationPlg::OnSubscriptionStatusChanged(const SubscriptionData* /*data*/)
-{
-}
-
 void CProductConfigurationPlg::OnSessionChange(uint32_t /*time*/, uint32_t /*event*/, void* /*info*/)
 {
 }
@@ -207,6 +203,12 @@ void CProductConfigurationPlg::_DelayedLoad()
         async->SetResponseSink(static_cast<IProductAgentResponse*>(this));
         async->GetUserInfoExAsync();
     }
+
+    // The first record: the sinks are registered already, so a change that
+    // arrives meanwhile waits behind this item.
+    SubscriptionData first;
+    subscriptionClient->GetSubscription(&first);
+    _OnSubscriptionChanged(first, true);
 }
 
 void CProductConfigurationPlg::_PostDelayedLoad()

@@ -6,6 +6,8 @@
 #include <mutex>
 #include <thread>
 
+#include "apps/apps_manager.h"
+#include "config/subscription_data.h"
 #include "host/components.h"
 #include "host/holders.h"
 #include "host/plugin.h"
@@ -17,6 +19,15 @@
 // Name of the event that a running installer creates and sets when it ends.
 constexpr wchar_t kInstallDoneEventName[] = L"Global\\Install_Done-9E9487AA-4E57-4A22-B92A-F353BB7727A6";
 static_assert(sizeof(kInstallDoneEventName) / sizeof(wchar_t) == 57, "56 characters and the terminator");
+
+// What the plugin still owes the product between events. Not persisted.
+struct ProductCfgStatus
+{
+    uint32_t cfgStatus = 0; // 1: the server's product type differs from the local one
+    uint32_t mspStatus = 0; // 1: the managed organisation flag changed
+    uint32_t comStatus = 0; // 1: commercial data to fetch; 2: fetched, contacts to show
+    bool seccenterAllowed = false;
+};
 
 // Name under which the factory knows the plugin.
 constexpr wchar_t kPluginName[] = L"productconfigplg";
@@ -64,6 +75,24 @@ public:
 
 private:
     using PlainTask = qm::framework::task<void (CProductConfigurationPlg::*)(), CProductConfigurationPlg*>;
+    using SubscriptionTask =
+        qm::framework::task<void (CProductConfigurationPlg::*)(SubscriptionData, bool), CProductConfigurationPlg*,
+                            const SubscriptionData&, bool>;
+    using AppsCheckItem = EqWorkItemMember0<void, CAppsManager>;
+
+    // A subscription record on the serial execution: firstLoad is true for
+    // the one record _DelayedLoad fetches, false for every event.
+    void _OnSubscriptionChanged(SubscriptionData data, bool firstLoad);
+    bool _IsAfterAccountLogin(SubscriptionData data);
+    // Arms "apps_check" 120000 ms from now, replacing a pending one.
+    void _ScheduleAppsCheck();
+    // Stores the record and updates the status block from it.
+    void _RefreshSubscription(const SubscriptionData& data);
+    void _WriteServerProductType(int32_t type);
+    void _SetConfigurationStatus();
+    void _SetCommercialStatus();
+    // Writes the record's summary as JSON to the value SurveyDataInfo.
+    void _WriteSurveyInfo(const SubscriptionData& data);
 
     // Runs once in the object's life, on the serial execution: registers the
     // sinks and asks for the user information.
@@ -78,6 +107,7 @@ private:
     ComponentHolder<IServiceStatusClient> serviceStatusClient;
     ComponentHolder<IProductAgentCommClient> productAgentClient;
     SerialExecutionHolder serialExecution;
+    CAppsManager appsManager;
     IEventQueue* eventQueue = nullptr;
     TimerHandle appsCheckTimer = 0;
     UniqueHandle installDoneEvent;
@@ -87,7 +117,9 @@ private:
     std::mutex subscriptionMutex;
     std::mutex timerMutex;
     std::mutex statusMutex;
+    SubscriptionData storedSubscription;
     bool delayedLoadDone = false;
+    ProductCfgStatus productCfgStatus;
     std::thread waitThread;
     TimerHandle productCfgTimer = 0;
     uint32_t productCfgDelayMs = 0;

@@ -1,0 +1,237 @@
+// Subscription records through the real plugin: the quick part on the host's
+// thread, the hand-over to the serial execution, the stored record, the
+// status block, the survey value and the "apps_check" timer.
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "plugin_fixture.h"
+#include "registry_scratch.h"
+
+namespace
+{
+using Strings = std::vector<std::string>;
+
+constexpr wchar_t kProductId[] = L"PCPTEST";
+constexpr wchar_t kSubscriptionKey[] = L".DEFAULT\\SOFTWARE\\Sub_ID_PCPTEST";
+constexpr wchar_t kBase[] = L"PcpTest";
+constexpr wchar_t kSurveyKey[] = L"Software\\PcpTest\\Install";
+
+SubscriptionData Record(int32_t serverType, int32_t localType, uint32_t statusCode = 0, const char* account = "")
+{
+    SubscriptionData record;
+    record.ServerProductType = serverType;
+    record.ProductType = localType;
+    record.StatusCode = statusCode;
+    SetFixedText(record.AccountId, account);
+    return record;
+}
+
+size_t CountOf(const Strings& lines, const std::string& line)
+{
+    return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
+}
+
+class SubscriptionTest : public PluginTest
+{
+protected:
+    void SetUp() override
+    {
+        registry.Forget(HKEY_USERS, kSubscriptionKey);
+        registry.Forget(HKEY_LOCAL_MACHINE, L"Software\\PcpTest");
+        host->config.Set(44, L"Desktop", kProductId);
+        host->config.Set(0, L"BASE", kBase);
+        PluginTest::SetUp();
+    }
+
+    void Deliver(const SubscriptionData& record)
+    {
+        host->subscription.Deliver(record);
+        ASSERT_TRUE(host->WaitIdle());
+    }
+
+    std::wstring Survey() const { return registry.String(HKEY_LOCAL_MACHINE, kSurveyKey, L"SurveyDataInfo"); }
+
+    size_t SurveyWrites() const
+    {
+        return CountOf(log.Messages("TRACE"),
+                       "CProductConfigurationPlg::_WriteSurveyInfo: -> CProductConfigurationPlg::_WriteSurveyInfo()");
+    }
+
+    RegistryScratch registry;
+};
+} // namespace
+
+TEST_F(SubscriptionTest, SurveyValueIsTheRecordsCompactJson)
+{
+    struct Row
+    {
+        const char* what;
+        int32_t keyType;
+        uint32_t daysLeft;
+        int32_t serverType;
+        bool valid;
+        std::string bundle;
+        std::wstring expected;
+    };
+    const Row rows[] = {
+        {"example", 2, 30, 4, true, "abc",
+         LR"({"bundle_id":"abc","days_left":30,"key_type":2,"server_product_type":4,"valid":true})"},
+        {"all zero", 0, 0, 0, false, "",
+         LR"({"bundle_id":"","days_left":0,"key_type":0,"server_product_type":0,"valid":false})"},
+        {"extremes", -1, 4294967295u, -5, true, "x",
+         LR"({"bundle_id":"x","days_left":4294967295,"key_type":-1,"server_product_type":-5,"valid":true})"},
+        {"escapes", 0, 1, 3, false, "a\"b\\c/d",
+         LR"({"bundle_id":"a\"b\\c\/d","days_left":1,"key_type":0,"server_product_type":3,"valid":false})"},
+        {"not utf-8", 0, 1, 3, true, "\xff\xfeok",
+         L"{\"bundle_id\":\"\xfffd\xfffdok\",\"days_left\":1,\"key_type\":0,\"server_product_type\":3,\"valid\":true}"},
+        {"no terminator", 0, 1, 3, true, std::string(kSubscriptionTextChars, 'b'),
+         (L"{\"bundle_id\":\"" + std::wstring(kSubscriptionTextChars, L'b') +
+          L"\",\"days_left\":1,\"key_type\":0,\"server_product_type\":3,\"valid\":true}")},
+    };
+    StartLoaded();
+    for (const Row& row : rows)
+    {
+        SCOPED_TRACE(row.what);
+        SubscriptionData record = Record(row.serverType, 3, 1);
+        record.KeyType = row.keyType;
+        record.DaysLeft = row.daysLeft;
+        record.Valid = row.valid;
+        std::copy(row.bundle.begin(), row.bundle.end(), record.BundleId);
+        if (row.bundle.size() < kSubscriptionTextChars)
+            record.BundleId[row.bundle.size()] = '\0';
+        Deliver(record);
+        EXPECT_EQ(Survey(), row.expected);
+    }
+    plugin->Stop();
+    plugin->UnInit();
+}
+
+TEST_F(SubscriptionTest, UnknownProductTypeWithoutStatusEndsOnTheHostThread)
+{
+    StartLoaded();
+    const size_t writesAtStart = SurveyWrites();
+    log.Clear();
+    Deliver(Record(0, 3, 0));
+    EXPECT_EQ(SurveyWrites(), 1u);
+    EXPECT_EQ(host->ledger.ReceivedCount("_OnSubscriptionChanged"), 0u);
+    EXPECT_EQ(log.Messages("WARN"), Strings{"CProductConfigurationPlg::OnSubscriptionStatusChanged: Product type unknown"});
+    EXPECT_TRUE(log.Messages("INFO").size() <= 1u); // at most "No gs showed in registry"
+
+    // With a status code the record goes on: a second survey write follows
+    // in the refresh, and the stored record becomes this one.
+    log.Clear();
+    Deliver(Record(0, 3, 7));
+    EXPECT_EQ(SurveyWrites(), 2u);
+    EXPECT_EQ(host->ledger.ReceivedCount("_OnSubscriptionChanged"), 1u);
+    EXPECT_EQ(CountOf(log.Messages("INFO"),
+                      "CProductConfigurationPlg::_RefreshSubscription: ServerProductType = 0, ProductType = 3"),
+              1u);
+    EXPECT_EQ(registry.Dword(HKEY_USERS, kSubscriptionKey, L"ServerProductType"), 0u);
+    EXPECT_GE(writesAtStart, 1u); // the first record of _DelayedLoad was refreshed too
+    plugin->Stop();
+    plugin->UnInit();
+}
+
+TEST_F(SubscriptionTest, GsShowedIsOnlyLookedFor)
+{
+    StartLoaded();
+    log.Clear();
+    Deliver(Record(4, 3, 0));
+    EXPECT_EQ(CountOf(log.Messages("INFO"), "CProductConfigurationPlg::OnSubscriptionStatusChanged: No gs showed in registry"),
+              1u);
+    registry.SetDword(HKEY_USERS, kSubscriptionKey, L"GsShowed", 0);
+    log.Clear();
+    Deliver(Record(4, 3, 0));
+    EXPECT_EQ(CountOf(log.Messages("INFO"), "CProductConfigurationPlg::OnSubscriptionStatusChanged: No gs showed in registry"),
+              0u);
+    plugin->Stop();
+    plugin->UnInit();
+}
+
+TEST_F(SubscriptionTest, StatusFollowsTheRecordsAndTheHostsBufferDoesNotMatter)
+{
+    struct Row
+    {
+        int32_t serverType;
+        int32_t localType;
+        const char* commercialId;
+        std::string cfgLine;
+        std::string comLine;
+    };
+    // cfgStatus keeps its value for an unknown server type, 1 included.
+    const Row rows[] = {
+        {0, 3, "", "CfgStatus: 0", "ComStatus: 0"}, {4, 3, "C1", "CfgStatus: 1", "ComStatus: 0"},
+        {0, 3, "C1", "CfgStatus: 1", "ComStatus: 0"}, {3, 3, "", "CfgStatus: 0", "ComStatus: 0"},
+        {5, 3, "", "CfgStatus: 1", "ComStatus: 0"},   {5, 5, "", "CfgStatus: 0", "ComStatus: 0"},
+    };
+    StartLoaded();
+    sim::SerialExecution* serial = host->Serial();
+    for (const Row& row : rows)
+    {
+        SCOPED_TRACE(row.cfgLine + " after " + std::to_string(row.serverType) + "/" + std::to_string(row.localType));
+        log.Clear();
+        SubscriptionData record = Record(row.serverType, row.localType, 1);
+        SetFixedText(record.CommercialId, row.commercialId);
+        // The item runs only after the host has overwritten its own buffer.
+        serial->Pause();
+        host->subscription.Deliver(record);
+        serial->Resume();
+        ASSERT_TRUE(host->WaitIdle());
+        const Strings info = log.Messages("INFO");
+        EXPECT_EQ(CountOf(info, "CProductConfigurationPlg::_RefreshSubscription: ServerProductType = " +
+                                    std::to_string(row.serverType) + ", ProductType = " + std::to_string(row.localType)),
+                  1u);
+        EXPECT_EQ(CountOf(info, "CProductConfigurationPlg::_SetConfigurationStatus: " + row.cfgLine), 1u);
+        EXPECT_EQ(CountOf(info, "CProductConfigurationPlg::_SetCommercialStatus: " + row.comLine), 1u);
+        EXPECT_EQ(registry.Dword(HKEY_USERS, kSubscriptionKey, L"ServerProductType"),
+                  static_cast<uint32_t>(row.serverType));
+    }
+    plugin->Stop();
+    plugin->UnInit();
+}
+
+TEST_F(SubscriptionTest, AppsCheckFollowsTheLatestRecordWithAnAccount)
+{
+    StartLoaded();
+    Deliver(Record(4, 3, 0, "account-1"));
+    host->queue.Advance(5000);
+    Deliver(Record(4, 3, 0, "account-1"));
+
+    auto timers = host->queue.Timers();
+    ASSERT_EQ(timers.size(), 1u);
+    EXPECT_EQ(timers[0].name, "apps_check");
+    EXPECT_EQ(timers[0].due, 5000u + 120000u);
+    EXPECT_EQ(timers[0].periodMs, kNoRepeat);
+    EXPECT_EQ(host->journal.Count("DeleteTimer apps_check"), 1u);
+    EXPECT_EQ(CountOf(log.Messages("INFO"), "CProductConfigurationPlg::_ScheduleAppsCheck: Set timer: 0"), 2u);
+
+    // A record without an account leaves the pending check alone.
+    Deliver(Record(4, 3, 0, ""));
+    timers = host->queue.Timers();
+    ASSERT_EQ(timers.size(), 1u);
+    EXPECT_EQ(timers[0].due, 125000u);
+    EXPECT_EQ(host->journal.Count("DeleteTimer apps_check"), 1u);
+
+    host->queue.Advance(120000);
+    EXPECT_EQ(host->journal.Count("Run apps_check"), 1u);
+    plugin->Stop();
+    EXPECT_EQ(host->queue.LiveTimers(), 0u);
+    plugin->UnInit();
+    EXPECT_EQ(host->ledger.Outstanding(), 0u);
+}
+
+TEST_F(SubscriptionTest, TheFirstRecordIsFetchedAndRefreshedWhateverItHolds)
+{
+    host->subscription.SetRecord(Record(0, 0, 0));
+    StartLoaded();
+    const size_t fetched = host->journal.Find("SubscriptionCommClient.GetSubscription");
+    ASSERT_NE(fetched, sim::Journal::npos);
+    EXPECT_GT(fetched, host->journal.Find("SubscriptionCommClient.Subscribe"));
+    EXPECT_EQ(CountOf(log.Messages("INFO"),
+                      "CProductConfigurationPlg::_RefreshSubscription: ServerProductType = 0, ProductType = 0"),
+              1u);
+    EXPECT_EQ(registry.Dword(HKEY_USERS, kSubscriptionKey, L"ServerProductType"), 0u);
+    plugin->Stop();
+    plugin->UnInit();
+}
