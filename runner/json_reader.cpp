@@ -209,6 +209,12 @@ std::string ExpectedNumber(uint64_t max)
     return "a whole number from 0 to " + std::to_string(max);
 }
 
+std::string ExpectedInt32()
+{
+    return "a whole number from " + std::to_string(std::numeric_limits<int32_t>::min()) + " to " +
+           std::to_string(std::numeric_limits<int32_t>::max());
+}
+
 std::string JoinNames(const std::vector<const char*>& names)
 {
     std::string joined;
@@ -240,6 +246,19 @@ bool ReadUint32(const picojson::value& value, const std::string& path, uint32_t&
     if (!ReadUint64(value, path, std::numeric_limits<uint32_t>::max(), wide, error))
         return false;
     out = static_cast<uint32_t>(wide);
+    return true;
+}
+
+bool ReadInt32(const picojson::value& value, const std::string& path, int32_t& out, std::string& error)
+{
+    if (!value.is<double>())
+        return SetOnce(error, Mismatch(path, ExpectedInt32(), value));
+    const double number = value.get<double>();
+    // Both bounds are exact as doubles.
+    if (number < std::numeric_limits<int32_t>::min() || number > std::numeric_limits<int32_t>::max() ||
+        number != std::floor(number))
+        return SetOnce(error, path + ": expected " + ExpectedInt32() + ", found " + value.to_str());
+    out = static_cast<int32_t>(number);
     return true;
 }
 
@@ -315,6 +334,33 @@ void FieldReader::Uint64(const std::string& key, uint64_t max, uint64_t& out, Ne
     const std::string expected = ExpectedNumber(max);
     if (const picojson::value* value = Present(key, need, expected.c_str()))
         ReadUint64(*value, PathOf(key), max, out, error);
+}
+
+void FieldReader::Int32(const std::string& key, int32_t& out, Need need)
+{
+    const std::string expected = ExpectedInt32();
+    if (const picojson::value* value = Present(key, need, expected.c_str()))
+        ReadInt32(*value, PathOf(key), out, error);
+}
+
+void FieldReader::Int32List(const std::string& key, std::vector<int32_t>& out, Need need)
+{
+    const std::string expected = "a list of whole numbers from " + std::to_string(std::numeric_limits<int32_t>::min()) +
+                                 " to " + std::to_string(std::numeric_limits<int32_t>::max());
+    const picojson::value* value = Present(key, need, expected.c_str());
+    if (value == nullptr)
+        return;
+    if (!value->is<picojson::array>())
+        return Fail(key, "expected " + expected + ", found " + KindOf(*value));
+    std::vector<int32_t> numbers;
+    for (const picojson::value& item : value->get<picojson::array>())
+    {
+        int32_t number = 0;
+        if (!ReadInt32(item, JoinPath(PathOf(key), numbers.size()), number, error))
+            return;
+        numbers.push_back(number);
+    }
+    out = std::move(numbers);
 }
 
 void FieldReader::Bool(const std::string& key, bool& out, Need need)

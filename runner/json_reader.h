@@ -28,6 +28,7 @@ bool WidenUtf8(const std::string& text, std::wstring& out);
 bool ReadUint32(const picojson::value& value, const std::string& path, uint32_t& out, std::string& error);
 bool ReadUint64(const picojson::value& value, const std::string& path, uint64_t max, uint64_t& out,
                 std::string& error);
+bool ReadInt32(const picojson::value& value, const std::string& path, int32_t& out, std::string& error);
 bool ReadBool(const picojson::value& value, const std::string& path, bool& out, std::string& error);
 bool ReadText(const picojson::value& value, const std::string& path, std::string& out, std::string& error);
 bool ReadWideText(const picojson::value& value, const std::string& path, std::wstring& out, std::string& error);
@@ -58,12 +59,28 @@ public:
     // "missing" problem naming what was expected.
     void Uint32(const std::string& key, uint32_t& out, Need need);
     void Uint64(const std::string& key, uint64_t max, uint64_t& out, Need need);
+    void Int32(const std::string& key, int32_t& out, Need need);
+    // A list of whole numbers, each as Int32 takes it; out is replaced.
+    void Int32List(const std::string& key, std::vector<int32_t>& out, Need need);
     void Bool(const std::string& key, bool& out, Need need);
     void Text(const std::string& key, std::string& out, Need need);
     void WideText(const std::string& key, std::wstring& out, Need need);
 
     // Rejects any key not in known, naming it and listing the known ones.
     void OnlyKeys(const std::vector<const char*>& known);
+
+    // Calls read with a reader of the object under key (at path.key, sharing
+    // this reader's error text); expected names it in a "missing" problem.
+    template <class Read>
+    void Object(const std::string& key, Need need, const char* expected, Read read)
+    {
+        if (const picojson::value* value = Present(key, need, expected))
+        {
+            FieldReader inner(*value, PathOf(key), error);
+            if (inner.Ok())
+                read(inner);
+        }
+    }
 
 private:
     const picojson::value* Present(const std::string& key, Need need, const char* expected);
@@ -73,8 +90,10 @@ private:
     std::string& error;
 };
 
-// "expected a whole number from 0 to max"
+// "a whole number from 0 to max"
 std::string ExpectedNumber(uint64_t max);
+// "a whole number from -2147483648 to 2147483647"
+std::string ExpectedInt32();
 // "a, b, c"
 std::string JoinNames(const std::vector<const char*>& names);
 } // namespace scenario

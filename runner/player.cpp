@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include "config/subscription_data.h"
 #include "runner/registry_preset.h"
 
 namespace runner
@@ -23,6 +24,25 @@ std::string Narrow(const std::wstring& text)
 std::string Plural(size_t count, const char* one, const char* many)
 {
     return std::to_string(count) + " " + (count == 1 ? one : many);
+}
+
+// The host's record with the fields the scenario gives; all others zero.
+SubscriptionData HostRecord(const scenario::SubscriptionRecord& fields)
+{
+    SubscriptionData record;
+    record.KeyType = fields.keyType;
+    record.ProductType = fields.productType;
+    record.ServerProductType = fields.serverProductType;
+    record.StatusCode = fields.statusCode;
+    record.Valid = fields.valid;
+    record.DaysLeft = fields.daysLeft;
+    // The parser has bounded the texts, so none is cut here.
+    SetFixedText(record.AccountId, fields.accountId);
+    SetFixedText(record.BundleId, fields.bundleId);
+    SetFixedText(record.CommercialId, fields.commercialId);
+    for (const int32_t feature : fields.features)
+        record.Features.Append(static_cast<SubscriptionFeatures>(feature));
+    return record;
 }
 
 // Holds the plugin's serial execution, if it has one, while a host call or
@@ -129,6 +149,11 @@ bool Player::SetUp()
     host.productAgent.SetAsyncAvailable(scenario.productAgentAsync);
     if (!scenario.productAgentAsync)
         Say("productagentcommclient offers no IProductAgentCommClientAsync");
+    if (scenario.subscription)
+    {
+        host.subscription.SetRecord(HostRecord(*scenario.subscription));
+        Say("SubscriptionCommClient.GetSubscription gives " + scenario::Describe(*scenario.subscription));
+    }
     host.SetComponentManagerNull(scenario.nullComponentManager);
     if (scenario.nullComponentManager)
         Say("GetComponentManager gives null");
@@ -205,6 +230,23 @@ void Player::Run(const scenario::SetRegistryStep& step)
     const Status status = ApplyRegistryValue(step.value);
     if (status != 0)
         Fail("set_registry " + scenario::Describe(step.value) + " failed: " + std::to_string(status));
+}
+
+void Player::Run(const scenario::ShowRegistryStep& step)
+{
+    scenario::RegistryValue value;
+    const Status status = ReadRegistryValue(step.root, step.key, step.name, value);
+    if (status == 0)
+        Say("registry " + scenario::Describe(value));
+    else
+        Fail("show_registry " + scenario::DescribeRegistryPlace(step.root, step.key, step.name) +
+             " failed: " + std::to_string(status));
+}
+
+void Player::Run(const scenario::SubscriptionStep& step)
+{
+    SerialHold hold(host);
+    host.subscription.Deliver(HostRecord(step.record));
 }
 
 void Player::Create()

@@ -49,6 +49,8 @@ private:
     void Run(const scenario::AdvanceStep& step);
     void Run(const scenario::WaitIdleStep&);
     void Run(const scenario::SetRegistryStep& step);
+    void Run(const scenario::ShowRegistryStep& step);
+    void Run(const scenario::SubscriptionStep& step);
 
     // Where the plugin object is in its one cycle of the host contract.
     enum class Phase

@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+#include <vector>
+
 namespace runner
 {
 namespace
@@ -45,5 +47,44 @@ Status ApplyRegistryValue(const scenario::RegistryValue& value)
     }
     }
     return ERROR_INVALID_PARAMETER;
+}
+
+Status ReadRegistryValue(scenario::RegistryRoot root, const std::wstring& key, const std::wstring& name,
+                         scenario::RegistryValue& out)
+{
+    out = scenario::RegistryValue{root, key, name, scenario::RegistryType::Absent, 0, std::wstring()};
+    const HKEY rootKey = RootKey(root);
+    const wchar_t* valueName = name.empty() ? nullptr : name.c_str();
+    constexpr DWORD kFlags = RRF_RT_REG_SZ | RRF_RT_REG_EXPAND_SZ | RRF_NOEXPAND;
+    DWORD type = REG_NONE;
+    DWORD bytes = 0;
+    LSTATUS status = RegGetValueW(rootKey, key.c_str(), valueName, RRF_RT_ANY, &type, nullptr, &bytes);
+    if (status == ERROR_FILE_NOT_FOUND)
+        return 0;
+    if (status != ERROR_SUCCESS)
+        return static_cast<Status>(status);
+    if (type == REG_DWORD)
+    {
+        DWORD data = 0;
+        bytes = sizeof(data);
+        status = RegGetValueW(rootKey, key.c_str(), valueName, RRF_RT_REG_DWORD, nullptr, &data, &bytes);
+        if (status != ERROR_SUCCESS)
+            return static_cast<Status>(status);
+        out.type = scenario::RegistryType::Dword;
+        out.dword = data;
+        return 0;
+    }
+    if (type != REG_SZ && type != REG_EXPAND_SZ)
+        return ERROR_UNSUPPORTED_TYPE;
+    // One character more than asked for, zeroed: the text ends even when it
+    // was stored without its NUL.
+    std::vector<wchar_t> text(bytes / sizeof(wchar_t) + 1, L'\0');
+    bytes = static_cast<DWORD>(text.size() * sizeof(wchar_t));
+    status = RegGetValueW(rootKey, key.c_str(), valueName, kFlags, nullptr, text.data(), &bytes);
+    if (status != ERROR_SUCCESS)
+        return static_cast<Status>(status);
+    out.type = scenario::RegistryType::String;
+    out.text = text.data();
+    return 0;
 }
 } // namespace runner

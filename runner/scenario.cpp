@@ -39,27 +39,67 @@ std::string Quoted(const std::wstring& text)
     return "\"" + Narrow(text) + "\"";
 }
 
+// Reads "root", "key" and "name", which name a registry value.
+void ReadRegistryPlace(FieldReader& fields, RegistryRoot& root, std::wstring& key, std::wstring& name)
+{
+    std::string rootName;
+    fields.Text("root", rootName, Need::Required);
+    if (fields.Ok())
+    {
+        if (rootName == "HKLM")
+            root = RegistryRoot::LocalMachine;
+        else if (rootName == "HKCU")
+            root = RegistryRoot::CurrentUser;
+        else if (rootName == "HKU")
+            root = RegistryRoot::Users;
+        else
+            fields.Fail("root", "unknown root \"" + rootName + "\" (expected one of: HKLM, HKCU, HKU)");
+    }
+    fields.WideText("key", key, Need::Required);
+    if (fields.Ok() && key.empty())
+        fields.Fail("key", "expected a key path, found an empty text");
+    fields.WideText("name", name, Need::Required);
+}
+
+// A text of a subscription record: it has to fit its fixed array with the
+// NUL, and a NUL inside would cut it short.
+void ReadRecordText(FieldReader& fields, const char* key, std::string& out)
+{
+    fields.Text(key, out, Need::Optional);
+    if (!fields.Ok())
+        return;
+    if (out.size() > kMaxSubscriptionTextBytes)
+        fields.Fail(key, "expected a text of at most " + std::to_string(kMaxSubscriptionTextBytes) +
+                             " bytes, found " + std::to_string(out.size()) + " bytes");
+    else if (out.find('\0') != std::string::npos)
+        fields.Fail(key, "expected a text without NUL characters");
+}
+
+// Reads a subscription record; shared by the top-level "subscription" and
+// the "subscription" step. Every field is optional and defaults to zero.
+SubscriptionRecord ReadSubscriptionRecord(FieldReader& fields)
+{
+    SubscriptionRecord record;
+    fields.OnlyKeys({"key_type", "product_type", "server_product_type", "status_code", "valid", "days_left",
+                     "account_id", "bundle_id", "commercial_id", "features"});
+    fields.Int32("key_type", record.keyType, Need::Optional);
+    fields.Int32("product_type", record.productType, Need::Optional);
+    fields.Int32("server_product_type", record.serverProductType, Need::Optional);
+    fields.Uint32("status_code", record.statusCode, Need::Optional);
+    fields.Bool("valid", record.valid, Need::Optional);
+    fields.Uint32("days_left", record.daysLeft, Need::Optional);
+    ReadRecordText(fields, "account_id", record.accountId);
+    ReadRecordText(fields, "bundle_id", record.bundleId);
+    ReadRecordText(fields, "commercial_id", record.commercialId);
+    fields.Int32List("features", record.features, Need::Optional);
+    return record;
+}
+
 // Reads fields of a registry value record; shared by "registry" and the
 // "set_registry" step, which carry the same fields.
 void ReadRegistryFields(FieldReader& fields, RegistryValue& out)
 {
-    std::string root;
-    fields.Text("root", root, Need::Required);
-    if (fields.Ok())
-    {
-        if (root == "HKLM")
-            out.root = RegistryRoot::LocalMachine;
-        else if (root == "HKCU")
-            out.root = RegistryRoot::CurrentUser;
-        else if (root == "HKU")
-            out.root = RegistryRoot::Users;
-        else
-            fields.Fail("root", "unknown root \"" + root + "\" (expected one of: HKLM, HKCU, HKU)");
-    }
-    fields.WideText("key", out.key, Need::Required);
-    if (fields.Ok() && out.key.empty())
-        fields.Fail("key", "expected a key path, found an empty text");
-    fields.WideText("name", out.name, Need::Required);
+    ReadRegistryPlace(fields, out.root, out.key, out.name);
 
     std::string type;
     fields.Text("type", type, Need::Required);
@@ -136,6 +176,19 @@ const std::vector<StepKind>& StepKinds()
          [](FieldReader& fields) -> StepAction {
              SetRegistryStep step;
              ReadRegistryFields(fields, step.value);
+             return step;
+         }},
+        {"show_registry", {"do", "note", "root", "key", "name"},
+         [](FieldReader& fields) -> StepAction {
+             ShowRegistryStep step;
+             ReadRegistryPlace(fields, step.root, step.key, step.name);
+             return step;
+         }},
+        {"subscription", {"do", "note", "record"},
+         [](FieldReader& fields) -> StepAction {
+             SubscriptionStep step;
+             fields.Object("record", Need::Required, "a subscription record",
+                           [&](FieldReader& record) { step.record = ReadSubscriptionRecord(record); });
              return step;
          }},
     };
@@ -339,6 +392,34 @@ const char* RootName(RegistryRoot root)
     return "?";
 }
 
+// A record's text in quotes: a quote, a backslash and bytes outside
+// printable ASCII come out as escapes, so that any bytes print on one line.
+std::string QuotedBytes(const std::string& text)
+{
+    static const char kHex[] = "0123456789abcdef";
+    std::string quoted = "\"";
+    for (const char c : text)
+    {
+        const auto byte = static_cast<unsigned char>(c);
+        if (c == '"' || c == '\\')
+        {
+            quoted += '\\';
+            quoted += c;
+        }
+        else if (byte < 0x20 || byte > 0x7E)
+        {
+            quoted += "\\x";
+            quoted += kHex[byte >> 4];
+            quoted += kHex[byte & 0xF];
+        }
+        else
+        {
+            quoted += c;
+        }
+    }
+    return quoted + "\"";
+}
+
 struct FileCloser
 {
     void operator()(FILE* file) const { std::fclose(file); }
@@ -358,7 +439,7 @@ ParseResult ParseScenario(const std::string& text)
     FieldReader top(root, std::string(), error);
     top.OnlyKeys({"description", "settings", "missing_setting", "registry", "host_service_status",
                   "fail_components", "fail_serial_execution", "product_agent_async", "null_component_manager",
-                  "null_event_queue", "steps"});
+                  "null_event_queue", "subscription", "steps"});
     top.Text("description", scenario.description, Need::Optional);
     ReadSettings(top, scenario, error);
     ReadMissingSetting(top, scenario);
@@ -369,6 +450,8 @@ ParseResult ParseScenario(const std::string& text)
     top.Bool("product_agent_async", scenario.productAgentAsync, Need::Optional);
     top.Bool("null_component_manager", scenario.nullComponentManager, Need::Optional);
     top.Bool("null_event_queue", scenario.nullEventQueue, Need::Optional);
+    top.Object("subscription", Need::Optional, "a subscription record",
+               [&](FieldReader& record) { scenario.subscription = ReadSubscriptionRecord(record); });
     ReadSteps(top, scenario, error);
     if (error.empty())
         result.scenario = std::move(scenario);
@@ -413,10 +496,15 @@ FileText ReadScenarioFile(const std::wstring& path)
     return result;
 }
 
+std::string DescribeRegistryPlace(RegistryRoot root, const std::wstring& key, const std::wstring& name)
+{
+    return std::string(RootName(root)) + "\\" + Narrow(key) + "\\" +
+           (name.empty() ? std::string("(default)") : Narrow(name));
+}
+
 std::string Describe(const RegistryValue& value)
 {
-    std::string line = std::string(RootName(value.root)) + "\\" + Narrow(value.key) + "\\" +
-                       (value.name.empty() ? std::string("(default)") : Narrow(value.name));
+    const std::string line = DescribeRegistryPlace(value.root, value.key, value.name);
     switch (value.type)
     {
     case RegistryType::Dword:
@@ -427,6 +515,19 @@ std::string Describe(const RegistryValue& value)
         return line + " absent";
     }
     return line;
+}
+
+std::string Describe(const SubscriptionRecord& record)
+{
+    std::string features;
+    for (const int32_t feature : record.features)
+        features += (features.empty() ? "" : ", ") + std::to_string(feature);
+    return "key_type " + std::to_string(record.keyType) + ", product_type " + std::to_string(record.productType) +
+           ", server_product_type " + std::to_string(record.serverProductType) + ", status_code " +
+           std::to_string(record.statusCode) + ", valid " + (record.valid ? "true" : "false") + ", days_left " +
+           std::to_string(record.daysLeft) + ", account_id " + QuotedBytes(record.accountId) + ", bundle_id " +
+           QuotedBytes(record.bundleId) + ", commercial_id " + QuotedBytes(record.commercialId) + ", features [" +
+           features + "]";
 }
 
 std::string Describe(const StepAction& action)
@@ -453,6 +554,11 @@ std::string Describe(const StepAction& action)
         std::string operator()(const AdvanceStep& s) const { return "advance " + std::to_string(s.ms) + " ms"; }
         std::string operator()(const WaitIdleStep&) const { return "wait_idle"; }
         std::string operator()(const SetRegistryStep& s) const { return "set_registry " + Describe(s.value); }
+        std::string operator()(const ShowRegistryStep& s) const
+        {
+            return "show_registry " + DescribeRegistryPlace(s.root, s.key, s.name);
+        }
+        std::string operator()(const SubscriptionStep& s) const { return "subscription " + Describe(s.record); }
     };
     return std::visit(Describer{}, action);
 }

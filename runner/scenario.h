@@ -64,6 +64,33 @@ struct RegistryValue
     }
 };
 
+// The fields of a subscription record that a scenario may give; every other
+// field of the host's record stays zero. Texts are the bytes of the record's
+// fixed arrays, at most kMaxSubscriptionTextBytes so that the NUL still fits.
+struct SubscriptionRecord
+{
+    int32_t keyType = 0;
+    int32_t productType = 0;
+    int32_t serverProductType = 0; // 0: unknown
+    uint32_t statusCode = 0;
+    bool valid = false;
+    uint32_t daysLeft = 0;
+    std::string accountId; // empty: no account attached
+    std::string bundleId;
+    std::string commercialId;
+    std::vector<int32_t> features;
+
+    bool operator==(const SubscriptionRecord& o) const
+    {
+        return keyType == o.keyType && productType == o.productType && serverProductType == o.serverProductType &&
+               statusCode == o.statusCode && valid == o.valid && daysLeft == o.daysLeft &&
+               accountId == o.accountId && bundleId == o.bundleId && commercialId == o.commercialId &&
+               features == o.features;
+    }
+};
+
+constexpr size_t kMaxSubscriptionTextBytes = 199;
+
 // Step kinds. Each is a plain record; adding a kind means a record here, an
 // entry in the parser's table and an overload in the player.
 struct InitStep // QmCreateObject (if no object yet) and Init
@@ -119,8 +146,22 @@ struct SetRegistryStep // writes or deletes a registry value between events
     bool operator==(const SetRegistryStep& o) const { return value == o.value; }
 };
 
+struct ShowRegistryStep // prints a registry value as it is now
+{
+    RegistryRoot root = RegistryRoot::LocalMachine;
+    std::wstring key;
+    std::wstring name; // "" is the key's default value
+    bool operator==(const ShowRegistryStep& o) const { return root == o.root && key == o.key && name == o.name; }
+};
+struct SubscriptionStep // OnSubscriptionStatusChanged from the subscription client
+{
+    SubscriptionRecord record;
+    bool operator==(const SubscriptionStep& o) const { return record == o.record; }
+};
+
 using StepAction = std::variant<InitStep, StartStep, StopStep, ServiceStatusStep, SessionChangeStep,
-                                UserInfoChangedStep, UserInfoReplyStep, AdvanceStep, WaitIdleStep, SetRegistryStep>;
+                                UserInfoChangedStep, UserInfoReplyStep, AdvanceStep, WaitIdleStep, SetRegistryStep,
+                                ShowRegistryStep, SubscriptionStep>;
 
 struct Step
 {
@@ -145,6 +186,9 @@ struct Scenario
     bool productAgentAsync = true;
     bool nullComponentManager = false;
     bool nullEventQueue = false;
+    // What GetSubscription of "SubscriptionCommClient" fills in; absent: the
+    // all-zero record.
+    std::optional<SubscriptionRecord> subscription;
     std::vector<Step> steps;
 };
 
@@ -172,4 +216,9 @@ FileText ReadScenarioFile(const std::wstring& path);
 std::string Describe(const StepAction& action);
 // "HKLM\SOFTWARE\Quillmarten\Security\ProductCfgDelay = dword 60000"
 std::string Describe(const RegistryValue& value);
+// "HKLM\SOFTWARE\Quillmarten\Security\ProductCfgDelay"
+std::string DescribeRegistryPlace(RegistryRoot root, const std::wstring& key, const std::wstring& name);
+// All fields in one line, named as in the file: "key_type 2, product_type 1,
+// ..., account_id \"a\", ..., features [3, 5]".
+std::string Describe(const SubscriptionRecord& record);
 } // namespace scenario

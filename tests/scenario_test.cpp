@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <fstream>
 #include <string>
 
@@ -42,7 +43,7 @@ TEST(ScenarioParse, RefusesMalformedInputWithPlaceAndExpectation)
         {"[1]", "the scenario: expected an object, found a list"},
         {"{\"stepz\": []}", "stepz: unknown key (expected one of: description, settings, missing_setting, registry, "
                             "host_service_status, fail_components, fail_serial_execution, product_agent_async, "
-                            "null_component_manager, null_event_queue, steps)"},
+                            "null_component_manager, null_event_queue, subscription, steps)"},
         {"{}", "steps: missing (expected a list of steps)"},
         {"{\"steps\": {}}", "steps: expected a list of steps"},
         {"{\"host_service_status\": 4294967296, \"steps\": []}",
@@ -73,7 +74,7 @@ TEST(ScenarioParse, RefusesMalformedInputWithPlaceAndExpectation)
         // Steps.
         {"{\"steps\": [\"start\", {\"do\": \"advanse\"}]}",
          "steps[1].do: unknown step \"advanse\" (expected one of: init, start, stop, service_status, session_change, "
-         "user_info_changed, user_info_reply, advance, wait_idle, set_registry)"},
+         "user_info_changed, user_info_reply, advance, wait_idle, set_registry, show_registry, subscription)"},
         {"{\"steps\": [{\"ms\": 5}]}", "steps[0].do: missing (expected a text)"},
         {"{\"steps\": [5]}", "steps[0]: expected an object, found a number"},
         {"{\"steps\": [{\"do\": \"advance\", \"ms\": -5}]}",
@@ -85,6 +86,23 @@ TEST(ScenarioParse, RefusesMalformedInputWithPlaceAndExpectation)
          "steps[0].colour: unknown key (expected one of: do, note, time, event, info)"},
         {"{\"steps\": [{\"do\": \"user_info_reply\", \"level\": \"\xff\"}]}",
          "steps[0].level: expected a text in UTF-8"},
+        // Subscription records, at the top level and in a step: names, widths and ranges.
+        {"{\"subscription\": {\"account\": \"a\"}, \"steps\": []}",
+         "subscription.account: unknown key (expected one of: key_type, product_type, server_product_type, "
+         "status_code, valid, days_left, account_id, bundle_id, commercial_id, features)"},
+        {"{\"subscription\": {\"bundle_id\": \"" + std::string(200, 'b') + "\"}, \"steps\": []}",
+         "subscription.bundle_id: expected a text of at most 199 bytes, found 200 bytes"},
+        {"{\"subscription\": {\"days_left\": -1}, \"steps\": []}",
+         "subscription.days_left: expected a whole number from 0 to 4294967295, found -1"},
+        {"{\"subscription\": [], \"steps\": []}", "subscription: expected an object, found a list"},
+        {"{\"steps\": [{\"do\": \"subscription\"}]}", "steps[0].record: missing (expected a subscription record)"},
+        {"{\"steps\": [{\"do\": \"subscription\", \"record\": {\"server_product_type\": 2147483648}}]}",
+         "steps[0].record.server_product_type: expected a whole number from -2147483648 to 2147483647, found "
+         "2147483648"},
+        {"{\"steps\": [{\"do\": \"subscription\", \"record\": {\"features\": [1, -2147483649]}}]}",
+         "steps[0].record.features[1]: expected a whole number from -2147483648 to 2147483647, found -2147483649"},
+        {"{\"steps\": [{\"do\": \"subscription\", \"record\": {\"account_id\": \"a\\u0000b\"}}]}",
+         "steps[0].record.account_id: expected a text without NUL characters"},
         // The plugin object's life.
         {"{\"steps\": [\"stop\"]}", "steps[0].do: \"stop\" with no plugin object (expected \"init\" or \"start\" "
                                     "before it)"},
@@ -118,6 +136,9 @@ TEST(ScenarioParse, ValidScenarioBecomesTheRecord)
       "product_agent_async": false,
       "null_component_manager": true,
       "null_event_queue": true,
+      "subscription": {"key_type": -2147483648, "product_type": 3, "server_product_type": 2147483647,
+        "status_code": 4294967295, "valid": true, "days_left": 30, "account_id": "acc",
+        "bundle_id": "q\"\u00fc", "commercial_id": "C1", "features": [9, -1, 9]},
       "steps": [
         "init",
         {"do": "start", "note": "now"},
@@ -129,6 +150,8 @@ TEST(ScenarioParse, ValidScenarioBecomesTheRecord)
         {"do": "advance", "ms": 2592000000},
         "wait_idle",
         {"do": "set_registry", "root": "HKLM", "key": "K", "name": "N", "type": "dword", "value": 1},
+        {"do": "show_registry", "root": "HKU", "key": "K", "name": ""},
+        {"do": "subscription", "record": {}},
         "stop",
         "start",
         "stop"
@@ -162,6 +185,8 @@ TEST(ScenarioParse, ValidScenarioBecomesTheRecord)
         AdvanceStep{kMaxAdvanceMs},
         WaitIdleStep{},
         SetRegistryStep{{RegistryRoot::LocalMachine, L"K", L"N", RegistryType::Dword, 1, L""}},
+        ShowRegistryStep{RegistryRoot::Users, L"K", L""},
+        SubscriptionStep{},
         StopStep{},
         StartStep{},
         StopStep{},
@@ -171,6 +196,14 @@ TEST(ScenarioParse, ValidScenarioBecomesTheRecord)
         EXPECT_TRUE(s.steps[i].action == expected[i]) << "step " << i << ": " << Describe(s.steps[i].action);
     EXPECT_EQ(s.steps[1].note, "now");
 
+    // The record is printed in one line, any byte of its texts escaped.
+    const SubscriptionRecord record{INT32_MIN, 3, INT32_MAX, 0xFFFFFFFFu, true, 30, "acc", "q\"\xc3\xbc", "C1", {9, -1, 9}};
+    ASSERT_TRUE(s.subscription.has_value());
+    EXPECT_EQ(*s.subscription, record);
+    EXPECT_EQ(Describe(record), "key_type -2147483648, product_type 3, server_product_type 2147483647, "
+                                "status_code 4294967295, valid true, days_left 30, account_id \"acc\", "
+                                "bundle_id \"q\\\"\\xc3\\xbc\", commercial_id \"C1\", features [9, -1, 9]");
+
     // Everything but the steps has a default.
     const ParseResult minimal = ParseScenario("{\"steps\": []}");
     ASSERT_TRUE(minimal.scenario.has_value()) << minimal.error;
@@ -179,6 +212,7 @@ TEST(ScenarioParse, ValidScenarioBecomesTheRecord)
     EXPECT_TRUE(minimal.scenario->productAgentAsync);
     EXPECT_EQ(minimal.scenario->failSerialExecution, 0u);
     EXPECT_TRUE(minimal.scenario->failComponents.empty());
+    EXPECT_FALSE(minimal.scenario->subscription.has_value());
 }
 
 // A file in the temporary folder, removed again at the end of the test.
