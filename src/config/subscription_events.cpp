@@ -40,13 +40,14 @@ void CProductConfigurationPlg::OnSubscriptionStatusChanged(const SubscriptionDat
     serial->Post(L"_OnSubscriptionChanged", nullptr, item.release(), 0, 0, 0);
 }
 
-void CProductConfigurationPlg::_OnSubscriptionChanged(SubscriptionData data, bool /*firstLoad*/)
+void CProductConfigurationPlg::_OnSubscriptionChanged(SubscriptionData data, bool firstLoad)
 {
     TraceScope trace(L"CProductConfigurationPlg::_OnSubscriptionChanged");
     _RefreshSubscription(data);
     SubscriptionData copy = data;
     if (_IsAfterAccountLogin(copy))
         _ScheduleAppsCheck();
+    _TryDoConfig(firstLoad);
 }
 
 bool CProductConfigurationPlg::_IsAfterAccountLogin(SubscriptionData data)

@@ -100,6 +100,7 @@ Status CProductConfigurationPlg::Init(IServMain* servMain)
         return fail(status);
     }
 
+    productCfgDelayMs = _GetDelay();
     return 0;
 }
 
@@ -121,7 +122,10 @@ Status CProductConfigurationPlg::Start()
     const DWORD lastError = GetLastError();
     const bool failed = event == nullptr || lastError == ERROR_ALREADY_EXISTS;
     // A manual-reset event: the one SetEvent in Stop must end every wait on it.
-    stopEvent.reset(event);
+    {
+        std::lock_guard<std::mutex> lock(stopEventMutex);
+        stopEvent.reset(event);
+    }
     if (failed)
     {
         static_cast<IServPlugin*>(this)->Stop();
@@ -154,8 +158,12 @@ void CProductConfigurationPlg::Stop()
         SetEvent(stopEvent.get());
     if (waitThread.joinable())
         waitThread.join();
-    stopEvent.reset();
+    {
+        std::lock_guard<std::mutex> lock(stopEventMutex);
+        stopEvent.reset();
+    }
     installDoneEvent.reset();
+    installerPending = false;
 
     {
         std::lock_guard<std::mutex> lock(timerMutex);

@@ -2,11 +2,15 @@
 // factory and drives through IServPlugin. It owns everything else by value.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
+#include <optional>
+#include <string>
 #include <thread>
 
 #include "apps/apps_manager.h"
+#include "config/run_decision.h"
 #include "config/subscription_data.h"
 #include "host/components.h"
 #include "host/holders.h"
@@ -19,15 +23,6 @@
 // Name of the event that a running installer creates and sets when it ends.
 constexpr wchar_t kInstallDoneEventName[] = L"Global\\Install_Done-9E9487AA-4E57-4A22-B92A-F353BB7727A6";
 static_assert(sizeof(kInstallDoneEventName) / sizeof(wchar_t) == 57, "56 characters and the terminator");
-
-// What the plugin still owes the product between events. Not persisted.
-struct ProductCfgStatus
-{
-    uint32_t cfgStatus = 0; // 1: the server's product type differs from the local one
-    uint32_t mspStatus = 0; // 1: the managed organisation flag changed
-    uint32_t comStatus = 0; // 1: commercial data to fetch; 2: fetched, contacts to show
-    bool seccenterAllowed = false;
-};
 
 // Name under which the factory knows the plugin.
 constexpr wchar_t kPluginName[] = L"productconfigplg";
@@ -79,6 +74,7 @@ private:
         qm::framework::task<void (CProductConfigurationPlg::*)(SubscriptionData, bool), CProductConfigurationPlg*,
                             const SubscriptionData&, bool>;
     using AppsCheckItem = EqWorkItemMember0<void, CAppsManager>;
+    using ProductCfgTimerItem = EqWorkItemMember0<void, CProductConfigurationPlg>;
 
     // A subscription record on the serial execution: firstLoad is true for
     // the one record _DelayedLoad fetches, false for every event.
@@ -93,6 +89,29 @@ private:
     void _SetCommercialStatus();
     // Writes the record's summary as JSON to the value SurveyDataInfo.
     void _WriteSurveyInfo(const SubscriptionData& data);
+
+    // Decides on a run unless an installer is still at work; with firstLoad,
+    // looks for the installer first and waits for it on waitThread.
+    void _TryDoConfig(bool firstLoad);
+    // Body of waitThread: the installer's end or the stop event.
+    void _WaitForEventsAndConfig();
+    // Works out seccenterAllowed and arms the configuration timer when the
+    // status block asks for a run.
+    void _DoConfig();
+    bool _IsSeccenterAllowedWhenNoAccount();
+
+    // Delay of the timer's first firing in milliseconds; 0 when unreadable.
+    uint32_t _GetDelay();
+    // (Re)arms "_ProductCfgTimer": productCfgDelayMs, then hourly.
+    void _StartProductCfgTimer();
+    // Body of the timer's item: turns the status block into a run.
+    void _ProductCfgTimer();
+    // Needs statusMutex held.
+    std::optional<std::wstring> _ConvertStatusToParams();
+    // Gives an earlier productcfg.exe of the host's directory up to 60000 ms;
+    // 1 when the stop event ended the wait, any other value goes on.
+    uint32_t _WaitIfProcessIsRunning();
+    uint32_t _ExecuteProcessInSession(uint32_t dwSessionId, bool bSystem, const wchar_t* parameters);
 
     // Runs once in the object's life, on the serial execution: registers the
     // sinks and asks for the user information.
@@ -111,7 +130,13 @@ private:
     IEventQueue* eventQueue = nullptr;
     TimerHandle appsCheckTimer = 0;
     UniqueHandle installDoneEvent;
+    // Mirrors installDoneEvent being held, for the threads that only ask
+    // whether the plugin still waits for the installer.
+    std::atomic<bool> installerPending{false};
     UniqueHandle stopEvent;
+    // Guards the value of stopEvent between Stop, which closes it, and a
+    // timer item, which takes its own duplicate to wait on. A leaf lock.
+    std::mutex stopEventMutex;
     // Lock order: statusMutex first; subscriptionMutex may be taken under it,
     // timerMutex only tried under it. timerMutex is held across WaitTimer.
     std::mutex subscriptionMutex;
