@@ -50,10 +50,7 @@ void SubscriptionClient::Deliver(const SubscriptionData& delivered, bool wait)
         SetFixedText(rubbish.CommercialId, "overwritten");
         *buffer = rubbish;
     };
-    if (wait)
-        thread.CallAndWait(call);
-    else
-        thread.Call(call);
+    thread.Dispatch(call, wait);
 }
 
 Status SessionChangeClient::Subscribe(ISessionChangeEvents* sink)
@@ -77,10 +74,7 @@ void SessionChangeClient::Deliver(uint32_t time, uint32_t event, void* info, boo
                        (info != nullptr ? " info" : " null"));
         sinks.ForEach([&](ISessionChangeEvents* sink) { sink->OnSessionChange(time, event, info); });
     };
-    if (wait)
-        thread.CallAndWait(call);
-    else
-        thread.Call(call);
+    thread.Dispatch(call, wait);
 }
 
 Status ServiceStatusClient::AddObserver(IServiceStatusObserver* observer)
@@ -111,10 +105,7 @@ void ServiceStatusClient::Deliver(uint32_t service, uint32_t status, bool wait)
                        std::to_string(status));
         observers.ForEach([&](IServiceStatusObserver* observer) { observer->OnServiceStatusChanged(service, status); });
     };
-    if (wait)
-        thread.CallAndWait(call);
-    else
-        thread.Call(call);
+    thread.Dispatch(call, wait);
 }
 
 Status ProductAgentAsync::GetUserInfoExAsync()
@@ -144,10 +135,7 @@ void ProductAgentAsync::Reply(const std::wstring& level, const std::wstring& tex
         UserInfo info(level, text);
         sinks.ForEach([&](IProductAgentResponse* sink) { sink->OnGetUserInfoExAsync(&info); });
     };
-    if (wait)
-        replyThread.CallAndWait(call);
-    else
-        replyThread.Call(call);
+    replyThread.Dispatch(call, wait);
 }
 
 void* ProductAgentClient::QueryInterface(const InterfaceId& id)
@@ -191,10 +179,7 @@ void ProductAgentClient::DeliverUserInfoChanged(bool wait)
         journal.Record("productagentcommclient -> OnUserInfoChanged");
         sinks.ForEach([](IProductAgentEvents* sink) { sink->OnUserInfoChanged(); });
     };
-    if (wait)
-        thread.CallAndWait(call);
-    else
-        thread.Call(call);
+    thread.Dispatch(call, wait);
 }
 
 CloudStatus ConnectIntegrator::PerformRequest(CloudRequest& /*request*/, CloudResponse& /*response*/, uint32_t flag)

@@ -24,6 +24,14 @@ public:
     void Call(std::function<void()> call);
     // Queues call and waits until it has run; false on time-out.
     bool CallAndWait(std::function<void()> call, std::chrono::milliseconds timeout = std::chrono::seconds(30));
+    // CallAndWait when wait is true, else Call.
+    void Dispatch(std::function<void()> call, bool wait)
+    {
+        if (wait)
+            CallAndWait(std::move(call));
+        else
+            Call(std::move(call));
+    }
     // Waits until everything queued so far has run; false on time-out.
     bool Drain(std::chrono::milliseconds timeout = std::chrono::seconds(30));
     bool IsCurrent() const { return std::this_thread::get_id() == thread.get_id(); }

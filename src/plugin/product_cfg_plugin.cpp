@@ -147,8 +147,7 @@ void CProductConfigurationPlg::Stop()
     subscriptionClient->Unsubscribe(static_cast<ISubscriptionEvents*>(this));
     sessionClient->Unsubscribe(static_cast<ISessionChangeEvents*>(this));
     productAgentClient->Unsubscribe(static_cast<IProductAgentEvents*>(this));
-    auto* async = static_cast<IProductAgentCommClientAsync*>(
-        productAgentClient->QueryInterface(ids::ProductAgentCommClientAsync));
+    IProductAgentCommClientAsync* async = _AsyncAgent();
     if (async != nullptr)
         async->ClearResponseSink(static_cast<IProductAgentResponse*>(this));
 
@@ -204,8 +203,7 @@ void CProductConfigurationPlg::_DelayedLoad()
     subscriptionClient->Subscribe(static_cast<ISubscriptionEvents*>(this));
     sessionClient->Subscribe(static_cast<ISessionChangeEvents*>(this));
     productAgentClient->Subscribe(static_cast<IProductAgentEvents*>(this));
-    auto* async = static_cast<IProductAgentCommClientAsync*>(
-        productAgentClient->QueryInterface(ids::ProductAgentCommClientAsync));
+    IProductAgentCommClientAsync* async = _AsyncAgent();
     if (async != nullptr)
     {
         async->SetResponseSink(static_cast<IProductAgentResponse*>(this));
@@ -226,6 +224,12 @@ void CProductConfigurationPlg::_PostDelayedLoad()
     if (serial == nullptr)
         return; // stopped: nothing carries work any more; the item is freed here
     serial->Post(L"_DelayedLoad", nullptr, item.release(), 0, 0, 0);
+}
+
+IProductAgentCommClientAsync* CProductConfigurationPlg::_AsyncAgent()
+{
+    return static_cast<IProductAgentCommClientAsync*>(
+        productAgentClient->QueryInterface(ids::ProductAgentCommClientAsync));
 }
 
 void CProductConfigurationPlg::CancelAndDeleteTimer(TimerHandle& handle)

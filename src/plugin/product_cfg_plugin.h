@@ -117,6 +117,8 @@ private:
     // sinks and asks for the user information.
     void _DelayedLoad();
     void _PostDelayedLoad();
+    // The product agent's asynchronous side, borrowed; null when it has none.
+    IProductAgentCommClientAsync* _AsyncAgent();
     // Cancels, waits for and deletes the timer; 0 calls nothing.
     void CancelAndDeleteTimer(TimerHandle& handle);
 
