@@ -97,12 +97,14 @@ ExitStatus Player::Play()
         if (!step.note.empty())
             Say("# " + step.note);
         std::visit([this](const auto& action) { Run(action); }, step.action);
+        ReportLaunches();
     }
     WaitIdle("after the last step");
     if (plugin != nullptr)
     {
         console.Line("== end: the plugin object is still alive; the runner stops it");
         TearDown();
+        ReportLaunches();
     }
     PrintSummary();
     return failures.empty() ? kExitClean : kExitCheckFailed;
@@ -111,6 +113,12 @@ ExitStatus Player::Play()
 bool Player::SetUp()
 {
     console.Line("== setup");
+    if (!launches.Ready())
+    {
+        console.Line("cannot make a file for ProductCfg.exe to record its starts in; nothing was played");
+        return false;
+    }
+    Say("ProductCfg.exe records its starts in a file of the runner's own (PCP_PRODUCTCFG_RECORD)");
     host.config.SetMissing(scenario.missingSetting == scenario::MissingSetting::Null
                                ? sim::ServConfig::Missing::Null
                                : sim::ServConfig::Missing::NotFoundText);
@@ -362,6 +370,15 @@ void Player::WaitIdle(const std::string& when)
         Fail("the host was not idle within 10 s " + when);
 }
 
+void Player::ReportLaunches()
+{
+    std::vector<uint32_t> still;
+    for (const Launch& launch : launches.TakeNew(still))
+        Say("launch: " + launch.commandLine + " (session " + std::to_string(launch.session) + ")");
+    for (const uint32_t pid : still)
+        Fail("ProductCfg.exe (pid " + std::to_string(pid) + ") had not ended 10 s after the step");
+}
+
 void Player::Fail(const std::string& problem)
 {
     failures.push_back(problem);
@@ -382,6 +399,7 @@ void Player::PrintSummary()
     Say("components still held: " + std::to_string(host.components.Outstanding()));
     Say("live timers: " + std::to_string(host.queue.LiveTimers()));
     Say("live serial executions: " + std::to_string(host.queue.LiveSerialExecutions()));
+    Say("launches of ProductCfg.exe: " + std::to_string(launches.Total()));
     Say("host contract errors: " + std::to_string(contractErrors));
     if (failures.empty())
     {

@@ -1,7 +1,9 @@
 // Plays a scenario: sets the simulated host up, drives the plugin through
 // the host contract step by step and prints what happened, the host's own
-// record of every call included. Before each step it waits until the host's
-// threads are idle, so that the output is the same from run to run.
+// record of every call and the starts of ProductCfg.exe included. Before
+// each step it waits until the host's threads are idle, and after it until
+// every ProductCfg.exe it caused has ended, so that the output is the same
+// from run to run.
 #pragma once
 
 #include <windows.h>
@@ -11,6 +13,7 @@
 
 #include "host/plugin.h"
 #include "runner/console.h"
+#include "runner/launch_record.h"
 #include "runner/plugin_library.h"
 #include "runner/scenario.h"
 #include "simhost/sim_host.h"
@@ -73,6 +76,8 @@ private:
     void TearDown();
     void CheckTeardown();
     void WaitIdle(const std::string& when);
+    // Prints the starts of ProductCfg.exe recorded since the last call.
+    void ReportLaunches();
     void PrintSummary();
     void Say(const std::string& text) { console.Line("  " + text); }
     void Fail(const std::string& problem);
@@ -80,6 +85,8 @@ private:
     const scenario::Scenario& scenario;
     const PluginLibrary& library;
     Console& console;
+    // Named in the environment before the plugin can start ProductCfg.exe.
+    LaunchRecord launches;
     // What a logon event carries; the plugin only tests it for null. Lives
     // longer than the host's threads that pass it on.
     WTSSESSION_NOTIFICATION sessionNotification{sizeof(WTSSESSION_NOTIFICATION), 1};

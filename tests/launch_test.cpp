@@ -15,20 +15,12 @@
 #include "launch/process_lookup.h"
 #include "launch/sessions.h"
 #include "launch/user_token.h"
+#include "productcfg_harness.h"
 #include "support/log_client.h"
 
 namespace
 {
-constexpr DWORD kBoundMs = 20000;
 using Lines = std::vector<std::string>;
-
-std::wstring ExeDirectory()
-{
-    wchar_t path[MAX_PATH];
-    const std::wstring exe(path, GetModuleFileNameW(nullptr, path, MAX_PATH));
-    return exe.substr(0, exe.rfind(L'\\'));
-}
-const std::wstring kBeside = ExeDirectory() + L"\\ProductCfg.exe";
 
 // Handles of this process in the system's handle table (class 64, extended
 // entries of 5 words): Wine keeps it for real, GetProcessHandleCount is 0.
@@ -65,86 +57,25 @@ UniqueHandle OwnToken(bool bSystem)
 }
 
 // Stand-ins held running for a minute, recording themselves into a file of the
-// test's own, and the log library's lines in another.
-class ProductCfgTest : public ::testing::Test
+// test's own, and the log library's lines in another beside it.
+class ProductCfgTest : public ::testing::Test, protected ProductCfgStandIns
 {
 protected:
     ProductCfgTest()
     {
-        const std::wstring readyName = L"pcp-productcfg-ready-" + std::to_wstring(GetCurrentProcessId());
-        ready.reset(CreateEventW(nullptr, FALSE, FALSE, readyName.c_str()));
-        wchar_t temp[MAX_PATH];
-        GetTempPathW(MAX_PATH, temp);
-        workDir = temp + readyName;
-        CreateDirectoryW(workDir.c_str(), nullptr);
-        CopyFileW(kBeside.c_str(), (workDir + L"\\ProductCfg.exe").c_str(), FALSE);
-        SetEnvironmentVariableW(L"PCP_PRODUCTCFG_RECORD", (workDir + L"\\record.txt").c_str());
-        SetEnvironmentVariableW(L"PCP_PRODUCTCFG_READY", readyName.c_str());
-        SetEnvironmentVariableW(L"PCP_PRODUCTCFG_HOLD_MS", L"60000");
         SetEnvironmentVariableW(L"QM_LOG_FILE", (workDir + L"\\log.txt").c_str());
         logRef.Acquire();
         GetCurrentDirectoryW(MAX_PATH, savedDirectory);
     }
     ~ProductCfgTest() override
     {
-        while (!processes.empty())
-            End(processes.back().first, false);
+        EndAll();
         logRef.Release(); // while its file is still named
         SetCurrentDirectoryW(savedDirectory);
-        for (const wchar_t* name : {L"PCP_PRODUCTCFG_RECORD", L"PCP_PRODUCTCFG_READY", L"QM_LOG_FILE"})
-            SetEnvironmentVariableW(name, nullptr);
-        for (const wchar_t* file : {L"\\record.txt", L"\\log.txt", L"\\ProductCfg.exe"})
-            DeleteFileW((workDir + file).c_str());
-        RemoveDirectoryW(workDir.c_str());
+        SetEnvironmentVariableW(L"QM_LOG_FILE", nullptr);
+        DeleteFileW((workDir + L"\\log.txt").c_str());
     }
 
-    // Starts image; unless suspended, waits until it has recorded itself.
-    DWORD Start(const std::wstring& image, DWORD flags = 0)
-    {
-        wchar_t commandLine[] = L"\"ProductCfg.exe\"";
-        STARTUPINFOW startup{};
-        startup.cb = sizeof(startup);
-        PROCESS_INFORMATION created{};
-        EXPECT_TRUE(CreateProcessW(image.c_str(), commandLine, nullptr, nullptr, FALSE, flags | CREATE_NO_WINDOW,
-                                   nullptr, nullptr, &startup, &created));
-        UniqueHandle thread(created.hThread);
-        processes.emplace_back(created.dwProcessId, UniqueHandle(created.hProcess));
-        EXPECT_EQ((flags & CREATE_SUSPENDED) ? 0 : WaitForSingleObject(ready.get(), kBoundMs), WAIT_OBJECT_0);
-        return created.dwProcessId;
-    }
-    // Waits for a stand-in that the code under test started, takes it into
-    // keeping and gives its line's fields: pid, session, current directory,
-    // executable, command line.
-    std::vector<std::wstring> AwaitLaunched()
-    {
-        EXPECT_EQ(WaitForSingleObject(ready.get(), kBoundMs), WAIT_OBJECT_0);
-        std::ifstream in((workDir + L"\\record.txt").c_str(), std::ios::binary);
-        std::string line, last;
-        while (std::getline(in, line))
-            last = line.substr(0, line.size() - 1); // without the CR
-        std::wstring wide(last.size(), L'\0');
-        wide.resize(MultiByteToWideChar(CP_UTF8, 0, last.data(), static_cast<int>(last.size()), &wide[0],
-                                        static_cast<int>(wide.size())));
-        std::vector<std::wstring> fields(5);
-        std::wistringstream split(wide);
-        for (size_t i = 0; i < fields.size(); ++i)
-            std::getline(split, fields[i], i + 1 < fields.size() ? L'\t' : L'\n');
-        const DWORD pid = std::wcstoul(fields[0].c_str(), nullptr, 10);
-        processes.emplace_back(pid, UniqueHandle(OpenProcess(SYNCHRONIZE | PROCESS_TERMINATE, FALSE, pid)));
-        return fields;
-    }
-    // Ends stand-in pid; untilGone: waits too until the identifier names no
-    // process (Wine drops the object a little after the end).
-    void End(DWORD pid, bool untilGone = true)
-    {
-        const auto found = std::find_if(processes.begin(), processes.end(), [&](auto& p) { return p.first == pid; });
-        ASSERT_NE(found, processes.end()) << pid;
-        TerminateProcess(found->second.get(), 1);
-        EXPECT_EQ(WaitForSingleObject(found->second.get(), kBoundMs), WAIT_OBJECT_0) << pid;
-        processes.erase(found);
-        for (DWORD ms = 0; untilGone && UniqueHandle(OpenProcess(SYNCHRONIZE, FALSE, pid)) && ms < kBoundMs; ms += 10)
-            Sleep(10);
-    }
     // "function: text" of the log lines at level (ERROR, WARN, INFO).
     Lines Messages(const std::string& level) const
     {
@@ -159,10 +90,7 @@ protected:
         return result;
     }
 
-    std::wstring workDir; // holds a copy of the stand-in too
     wchar_t savedDirectory[MAX_PATH] = {};
-    UniqueHandle ready;
-    std::vector<std::pair<DWORD, UniqueHandle>> processes;
     CLogDLLRef logRef;
 };
 

@@ -143,6 +143,13 @@ Status CProductConfigurationPlg::Start()
 void CProductConfigurationPlg::Stop()
 {
     TraceScope trace(L"CProductConfigurationPlg::Stop");
+    // Before anything below waits: a timer item waiting for an earlier
+    // ProductCfg.exe ends now. Otherwise a serial item re-arming the timer
+    // waits in WaitTimer for that item, and releasing the serial execution
+    // waits for the serial item, for up to a minute.
+    stopping = true;
+    if (stopEvent)
+        SetEvent(stopEvent.get());
     serviceStatusClient->RemoveObserver(static_cast<IServiceStatusObserver*>(this));
     subscriptionClient->Unsubscribe(static_cast<ISubscriptionEvents*>(this));
     sessionClient->Unsubscribe(static_cast<ISessionChangeEvents*>(this));
@@ -208,6 +215,17 @@ void CProductConfigurationPlg::_DelayedLoad()
     {
         async->SetResponseSink(static_cast<IProductAgentResponse*>(this));
         async->GetUserInfoExAsync();
+    }
+    if (stopping)
+    {
+        // Stop ran meanwhile and may have removed the sinks before they were
+        // registered here: no sink may outlive Stop.
+        subscriptionClient->Unsubscribe(static_cast<ISubscriptionEvents*>(this));
+        sessionClient->Unsubscribe(static_cast<ISessionChangeEvents*>(this));
+        productAgentClient->Unsubscribe(static_cast<IProductAgentEvents*>(this));
+        if (async != nullptr)
+            async->ClearResponseSink(static_cast<IProductAgentResponse*>(this));
+        return;
     }
 
     // The first record: the sinks are registered already, so a change that

@@ -146,6 +146,8 @@ private:
     std::mutex statusMutex;
     SubscriptionData storedSubscription;
     bool delayedLoadDone = false;
+    // Set first thing in Stop; _DelayedLoad looks at it after registering.
+    std::atomic<bool> stopping{false};
     ProductCfgStatus productCfgStatus;
     std::thread waitThread;
     TimerHandle productCfgTimer = 0;

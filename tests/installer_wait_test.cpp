@@ -1,0 +1,198 @@
+// The wait for a running installer, through the real plugin: the installer's
+// named event is created by another process (InstallerStandin.exe). While it
+// exists and is not set, records change the status block but no decision is
+// taken; when it is set, waitThread takes exactly one, on the latest status;
+// Stop ends the wait without one.
+#include <algorithm>
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "plugin_fixture.h"
+#include "registry_scratch.h"
+#include "standin_control.h"
+
+namespace
+{
+constexpr wchar_t kInstallDoneEventName[] = L"Global\\Install_Done-9E9487AA-4E57-4A22-B92A-F353BB7727A6";
+constexpr wchar_t kSubscriptionKey[] = L".DEFAULT\\SOFTWARE\\Sub_ID_PCPINSTALLERWAIT";
+constexpr wchar_t kTestKey[] = L"Software\\PcpInstallerWait";
+constexpr wchar_t kProductKey[] = L"Software\\PcpInstallerWait\\Product";
+
+const std::string kDoConfigEntry = "CProductConfigurationPlg::_DoConfig: -> CProductConfigurationPlg::_DoConfig()";
+const std::string kWaiting = "CProductConfigurationPlg::_WaitForEventsAndConfig: Start waiting after installer";
+const std::string kStopped = "CProductConfigurationPlg::_WaitForEventsAndConfig: Receive stop event";
+const std::string kWaitEnded = "CProductConfigurationPlg::_WaitForEventsAndConfig: <- ";
+const std::string kRecordEntry =
+    "CProductConfigurationPlg::_OnSubscriptionChanged: -> CProductConfigurationPlg::_OnSubscriptionChanged()";
+
+// A record with an account, so the marker of a run without one is never
+// involved: cfgStatus follows the two product types.
+SubscriptionData Record(int32_t serverType, int32_t localType, uint32_t statusCode = 0)
+{
+    SubscriptionData record;
+    record.ServerProductType = serverType;
+    record.ProductType = localType;
+    record.StatusCode = statusCode;
+    SetFixedText(record.AccountId, "acc-installer");
+    return record;
+}
+
+// True once condition holds, polled until the bound.
+bool Eventually(const std::function<bool()>& condition, std::chrono::milliseconds bound = std::chrono::seconds(10))
+{
+    const auto deadline = std::chrono::steady_clock::now() + bound;
+    while (!condition())
+    {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+class InstallerWaitTest : public PluginTest
+{
+protected:
+    void SetUp() override
+    {
+        registry.Forget(HKEY_USERS, kSubscriptionKey);
+        registry.Forget(HKEY_LOCAL_MACHINE, kTestKey);
+        host->config.Set(44, L"Desktop", L"PCPINSTALLERWAIT");
+        host->config.Set(0, L"BASE", L"PcpInstallerWait");
+        host->config.Set(217, L"Desktop", kProductKey);
+        // The seccenter is not allowed (GsShowed present, no onboarding key),
+        // so a decision arms the timer exactly when cfgStatus is 1; the
+        // timer is never due within a test.
+        registry.SetDword(HKEY_USERS, kSubscriptionKey, L"GsShowed", 1);
+        registry.SetDword(HKEY_LOCAL_MACHINE, kProductKey, L"ProductCfgDelay", 36000);
+        host->subscription.SetRecord(Record(3, 3));
+        PluginTest::SetUp();
+    }
+
+    void StartWithInstaller()
+    {
+        ASSERT_TRUE(installer.Started()) << "InstallerStandin.exe exit code "
+                                         << installer.EarlyExit().value_or(0xFFFFFFFFu);
+        StartLoaded();
+        ASSERT_TRUE(Eventually([&] { return Count(kWaiting) == 1; }));
+    }
+
+    void Deliver(const SubscriptionData& record)
+    {
+        host->subscription.Deliver(record);
+        ASSERT_TRUE(host->WaitIdle());
+    }
+
+    size_t Count(const std::string& line) const
+    {
+        size_t count = 0;
+        for (const char* level : {"INFO", "TRACE"})
+        {
+            const auto lines = log.Messages(level);
+            count += std::count(lines.begin(), lines.end(), line);
+        }
+        return count;
+    }
+    size_t DoConfigRuns() const { return Count(kDoConfigEntry); }
+    std::vector<std::string> Decisions() const
+    {
+        std::vector<std::string> found;
+        for (const std::string& line : log.Messages("INFO"))
+            if (line.rfind("CProductConfigurationPlg::_DoConfig: ", 0) == 0)
+                found.push_back(line.substr(37));
+        return found;
+    }
+    size_t TimersArmed() const { return host->ledger.ReceivedCount("_ProductCfgTimer"); }
+
+    // Thread identifiers of the log lines whose "function: text" starts with
+    // prefix, in order.
+    static std::vector<std::string> Threads(const std::string& prefix)
+    {
+        wchar_t path[MAX_PATH] = {};
+        GetEnvironmentVariableW(L"QM_LOG_FILE", path, MAX_PATH);
+        std::ifstream in(path, std::ios::binary);
+        std::vector<std::string> threads;
+        for (std::string line, time, thread, level, rest; std::getline(in, line);)
+        {
+            std::istringstream fields(line.substr(0, line.find('\r')));
+            if (fields >> time >> thread >> level && std::getline(fields >> std::ws, rest) && rest.rfind(prefix, 0) == 0)
+                threads.push_back(thread);
+        }
+        return threads;
+    }
+
+    RegistryScratch registry;
+    standin::Installer installer;
+};
+} // namespace
+
+TEST_F(InstallerWaitTest, RecordsWaitForTheInstallerThenOneDecisionOnTheLatestStatus)
+{
+    StartWithInstaller();
+    for (const SubscriptionData& record : {Record(5, 3), Record(3, 3), Record(0, 3, 7), Record(4, 3)})
+        Deliver(record);
+    EXPECT_EQ(host->ledger.ReceivedCount("_OnSubscriptionChanged"), 4u);
+    EXPECT_EQ(DoConfigRuns(), 0u);
+    EXPECT_EQ(TimersArmed(), 0u);
+
+    installer.Finish();
+    ASSERT_TRUE(Eventually([&] { return !Threads(kWaitEnded).empty(); }));
+    EXPECT_EQ(DoConfigRuns(), 1u);
+    EXPECT_EQ(Decisions(), std::vector<std::string>{"cfgStatus = 1; comStatus = 0"});
+    EXPECT_EQ(TimersArmed(), 1u);
+    EXPECT_EQ(Count(kStopped), 0u);
+    const std::string waitThread = Threads(kWaiting).at(0);
+    EXPECT_EQ(Threads(kDoConfigEntry), std::vector<std::string>{waitThread});
+
+    // The installer is done: a record decides on the serial execution again.
+    Deliver(Record(3, 3));
+    EXPECT_EQ(Decisions(), (std::vector<std::string>{"cfgStatus = 1; comStatus = 0", "cfgStatus = 0; comStatus = 0"}));
+    const std::vector<std::string> doConfig = Threads(kDoConfigEntry);
+    ASSERT_EQ(doConfig.size(), 2u);
+    EXPECT_EQ(doConfig[1], Threads(kRecordEntry).back());
+    EXPECT_NE(doConfig[1], waitThread);
+
+    plugin->Stop();
+    plugin->UnInit();
+    EXPECT_EQ(Count(kStopped), 0u);
+}
+
+TEST_F(InstallerWaitTest, InstallerDoneBeforeTheLoadButStillThereGivesOneDecisionOnWaitThread)
+{
+    // The event exists and is set already: the wait ends at once.
+    installer.Finish();
+    const UniqueHandle done(OpenEventW(SYNCHRONIZE, FALSE, kInstallDoneEventName));
+    ASSERT_TRUE(done);
+    ASSERT_EQ(WaitForSingleObject(done.get(), standin::kBoundMs), WAIT_OBJECT_0);
+    StartWithInstaller();
+    ASSERT_TRUE(Eventually([&] { return !Threads(kWaitEnded).empty(); }));
+    EXPECT_EQ(DoConfigRuns(), 1u);
+    EXPECT_EQ(Threads(kDoConfigEntry), Threads(kWaiting));
+    EXPECT_EQ(Decisions(), std::vector<std::string>{"cfgStatus = 0; comStatus = 0"});
+    plugin->Stop();
+    plugin->UnInit();
+}
+
+TEST_F(InstallerWaitTest, StopDuringTheWaitEndsItWithoutADecision)
+{
+    StartWithInstaller();
+    Deliver(Record(5, 3));
+    plugin->Stop();
+    // Stop has joined waitThread: its last words are in the log.
+    EXPECT_EQ(Count(kStopped), 1u);
+    EXPECT_EQ(Threads(kStopped), Threads(kWaiting));
+    EXPECT_EQ(DoConfigRuns(), 0u);
+    EXPECT_EQ(TimersArmed(), 0u);
+
+    // The installer ending afterwards finds nobody waiting.
+    installer.Finish();
+    plugin->UnInit();
+    DestroyPlugin();
+    EXPECT_EQ(DoConfigRuns(), 0u);
+    EXPECT_EQ(host->ledger.Outstanding(), 0u);
+}

@@ -1,0 +1,180 @@
+// ProductCfg.exe stand-ins (standins/productcfg) for tests that start one or
+// wait for one to be started: each records itself into a file of the test's
+// own, signals a named event of the test's own and stays for a minute. When
+// the harness goes, every ProductCfg.exe it started or that this process
+// started otherwise (the code under test) has ended.
+#pragma once
+
+#include <windows.h>
+
+#include <tlhelp32.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cwchar>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "support/unique_resource.h"
+
+// Bound of every wait for a stand-in, in milliseconds.
+constexpr DWORD kStandInBoundMs = 20000;
+
+inline std::wstring ExeDirectory()
+{
+    wchar_t path[MAX_PATH];
+    const std::wstring exe(path, GetModuleFileNameW(nullptr, path, MAX_PATH));
+    return exe.substr(0, exe.rfind(L'\\'));
+}
+
+// The stand-in in the folder of the test executable, the host's folder.
+const std::wstring kBeside = ExeDirectory() + L"\\ProductCfg.exe";
+
+class ProductCfgStandIns
+{
+public:
+    // A work folder with a copy of the stand-in (a ProductCfg.exe elsewhere),
+    // and the environment that every stand-in started from here on inherits.
+    ProductCfgStandIns()
+    {
+        const std::wstring readyName = L"pcp-productcfg-ready-" + std::to_wstring(GetCurrentProcessId());
+        ready.reset(CreateEventW(nullptr, FALSE, FALSE, readyName.c_str()));
+        wchar_t temp[MAX_PATH];
+        GetTempPathW(MAX_PATH, temp);
+        workDir = temp + readyName;
+        CreateDirectoryW(workDir.c_str(), nullptr);
+        CopyFileW(kBeside.c_str(), (workDir + L"\\ProductCfg.exe").c_str(), FALSE);
+        SetEnvironmentVariableW(L"PCP_PRODUCTCFG_RECORD", RecordPath().c_str());
+        SetEnvironmentVariableW(L"PCP_PRODUCTCFG_READY", readyName.c_str());
+        SetEnvironmentVariableW(L"PCP_PRODUCTCFG_HOLD_MS", L"60000");
+    }
+    // Ends every stand-in, then removes the work folder; files that others
+    // put there must be gone by then.
+    ~ProductCfgStandIns()
+    {
+        EndAll();
+        for (const wchar_t* name : {L"PCP_PRODUCTCFG_RECORD", L"PCP_PRODUCTCFG_READY", L"PCP_PRODUCTCFG_HOLD_MS"})
+            SetEnvironmentVariableW(name, nullptr);
+        for (const wchar_t* file : {L"\\record.txt", L"\\ProductCfg.exe"})
+            DeleteFileW((workDir + file).c_str());
+        RemoveDirectoryW(workDir.c_str());
+    }
+    ProductCfgStandIns(const ProductCfgStandIns&) = delete;
+    ProductCfgStandIns& operator=(const ProductCfgStandIns&) = delete;
+
+    // Starts image; unless suspended, waits until it has recorded itself.
+    DWORD Start(const std::wstring& image, DWORD flags = 0)
+    {
+        wchar_t commandLine[] = L"\"ProductCfg.exe\"";
+        STARTUPINFOW startup{};
+        startup.cb = sizeof(startup);
+        PROCESS_INFORMATION created{};
+        EXPECT_TRUE(CreateProcessW(image.c_str(), commandLine, nullptr, nullptr, FALSE, flags | CREATE_NO_WINDOW,
+                                   nullptr, nullptr, &startup, &created));
+        UniqueHandle thread(created.hThread);
+        processes.emplace_back(created.dwProcessId, UniqueHandle(created.hProcess));
+        EXPECT_EQ((flags & CREATE_SUSPENDED) ? 0 : WaitForSingleObject(ready.get(), kStandInBoundMs), WAIT_OBJECT_0);
+        return created.dwProcessId;
+    }
+    // Waits for a stand-in that the code under test started, takes it into
+    // keeping and gives its line's fields: pid, session, current directory,
+    // executable, command line.
+    std::vector<std::wstring> AwaitLaunched()
+    {
+        EXPECT_EQ(WaitForSingleObject(ready.get(), kStandInBoundMs), WAIT_OBJECT_0);
+        const std::vector<std::string> lines = RecordLines();
+        const std::string last = lines.empty() ? std::string() : lines.back();
+        std::wstring wide(last.size(), L'\0');
+        wide.resize(MultiByteToWideChar(CP_UTF8, 0, last.data(), static_cast<int>(last.size()), &wide[0],
+                                        static_cast<int>(wide.size())));
+        std::vector<std::wstring> fields(5);
+        std::wistringstream split(wide);
+        for (size_t i = 0; i < fields.size(); ++i)
+            std::getline(split, fields[i], i + 1 < fields.size() ? L'\t' : L'\n');
+        const DWORD pid = std::wcstoul(fields[0].c_str(), nullptr, 10);
+        processes.emplace_back(pid, UniqueHandle(OpenProcess(SYNCHRONIZE | PROCESS_TERMINATE, FALSE, pid)));
+        return fields;
+    }
+    // Number of stand-ins that have recorded themselves so far.
+    size_t Recorded() const { return RecordLines().size(); }
+    // Whether stand-in pid, started or taken into keeping here, still runs.
+    bool Running(DWORD pid) const
+    {
+        const auto found = Find(pid);
+        return found != processes.end() && WaitForSingleObject(found->second.get(), 0) == WAIT_TIMEOUT;
+    }
+    // Ends stand-in pid; untilGone: waits too until the identifier names no
+    // process (Wine drops the object a little after the end).
+    void End(DWORD pid, bool untilGone = true)
+    {
+        const auto found = Find(pid);
+        ASSERT_NE(found, processes.end()) << pid;
+        TerminateProcess(found->second.get(), 1);
+        EXPECT_EQ(WaitForSingleObject(found->second.get(), kStandInBoundMs), WAIT_OBJECT_0) << pid;
+        processes.erase(found);
+        for (DWORD ms = 0; untilGone && UniqueHandle(OpenProcess(SYNCHRONIZE, FALSE, pid)) && ms < kStandInBoundMs;
+             ms += 10)
+            Sleep(10);
+    }
+    // Ends every stand-in in keeping, and every other ProductCfg.exe that
+    // this process started (the code under test, unasked, possibly so late
+    // that it has not recorded itself yet), until each is gone.
+    void EndAll()
+    {
+        for (const DWORD pid : Children())
+        {
+            UniqueHandle child(Find(pid) == processes.end() ? OpenProcess(SYNCHRONIZE | PROCESS_TERMINATE, FALSE, pid)
+                                                            : nullptr);
+            if (child)
+                processes.emplace_back(pid, std::move(child));
+        }
+        while (!processes.empty())
+            End(processes.back().first);
+    }
+
+    std::wstring workDir; // holds a copy of the stand-in too
+
+private:
+    using Processes = std::vector<std::pair<DWORD, UniqueHandle>>;
+
+    std::wstring RecordPath() const { return workDir + L"\\record.txt"; }
+    // The record's lines, without their CR.
+    std::vector<std::string> RecordLines() const
+    {
+        std::ifstream in(RecordPath().c_str(), std::ios::binary);
+        std::vector<std::string> lines;
+        for (std::string line; std::getline(in, line);)
+            lines.push_back(line.substr(0, line.find('\r')));
+        return lines;
+    }
+    // Running ProductCfg.exe processes whose parent is this process.
+    static std::vector<DWORD> Children()
+    {
+        std::vector<DWORD> children;
+        const UniqueSnapshot snapshot(CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
+        PROCESSENTRY32W entry{};
+        entry.dwSize = sizeof(entry);
+        for (BOOL more = snapshot && Process32FirstW(snapshot.get(), &entry); more;
+             more = Process32NextW(snapshot.get(), &entry))
+        {
+            if (entry.th32ParentProcessID == GetCurrentProcessId() && _wcsicmp(entry.szExeFile, L"ProductCfg.exe") == 0)
+                children.push_back(entry.th32ProcessID);
+        }
+        return children;
+    }
+    Processes::const_iterator Find(DWORD pid) const
+    {
+        return std::find_if(processes.begin(), processes.end(), [&](const auto& p) { return p.first == pid; });
+    }
+    Processes::iterator Find(DWORD pid)
+    {
+        return std::find_if(processes.begin(), processes.end(), [&](const auto& p) { return p.first == pid; });
+    }
+
+    UniqueHandle ready;
+    Processes processes;
+};

@@ -1,0 +1,445 @@
+// Stop against everything else that runs in the plugin, on real threads and
+// many times over: timer items run by a thread of the test, records handed
+// to the serial execution without waiting, replies of the product agent, and
+// Stop coming at a different moment each time; also right after Start,
+// while waitThread waits for an installer (InstallerStandin.exe), and while
+// a timer item waits for an earlier ProductCfg.exe. Every wait is bounded:
+// a Stop that does not return is a failure, never a hung test.
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "plugin_fixture.h"
+#include "registry_scratch.h"
+#include "standin_control.h"
+
+namespace
+{
+using namespace std::chrono_literals;
+
+constexpr auto kBound = 10s;
+constexpr int kIterations = 50;
+constexpr size_t kRoundsPerWorker = 40;
+constexpr wchar_t kSubscriptionKey[] = L".DEFAULT\\SOFTWARE\\Sub_ID_PCPSTOPRACE";
+constexpr wchar_t kTestKey[] = L"Software\\PcpStopRace";
+constexpr wchar_t kProductKey[] = L"Software\\PcpStopRace\\Product";
+
+const std::string kWaitThreadStopped = "CProductConfigurationPlg::_WaitForEventsAndConfig: Receive stop event";
+const std::string kWaiting = "CProductConfigurationPlg::_WaitForEventsAndConfig: Start waiting after installer";
+const std::string kTimerStopped = "CProductConfigurationPlg::_ProductCfgTimer: Receive stop event";
+const std::string kProcessWait =
+    "CProductConfigurationPlg::_WaitIfProcessIsRunning: Waiting for productcfg.exe process to close...";
+const std::string kLaunch = "CProductConfigurationPlg::_ProductCfgTimer: Restarting ProductCfg.exe with parameters: ";
+const std::string kLaunchFailed = "CProductConfigurationPlg::_ProductCfgTimer: Failed to create process, err: ";
+const std::string kDoConfigEntry = "CProductConfigurationPlg::_DoConfig: -> CProductConfigurationPlg::_DoConfig()";
+
+enum class Kind
+{
+    RightAfterStart, // Stop races _DelayedLoad
+    Busy,            // records, replies and timer items racing
+    Installer,       // the same while waitThread waits for the installer
+    EarlierProcess,  // the same while a timer item waits for ProductCfg.exe
+};
+
+const char* Name(Kind kind)
+{
+    switch (kind)
+    {
+    case Kind::RightAfterStart: return "right after Start";
+    case Kind::Busy: return "busy";
+    case Kind::Installer: return "installer running";
+    default: return "earlier ProductCfg.exe running";
+    }
+}
+
+SubscriptionData Record(int32_t serverType, uint32_t statusCode = 0)
+{
+    SubscriptionData record;
+    record.ServerProductType = serverType;
+    record.ProductType = 3;
+    record.StatusCode = statusCode;
+    SetFixedText(record.AccountId, "acc-race");
+    return record;
+}
+
+// One record in six asks for a run (cfgStatus 1); the others do not, or
+// carry an unknown product type.
+SubscriptionData Cycled(size_t n)
+{
+    switch (n % 6)
+    {
+    case 0: return Record(5);
+    case 3: return Record(0, 7);
+    default: return Record(3);
+    }
+}
+
+bool Eventually(const std::function<bool()>& condition, std::chrono::milliseconds bound = kBound)
+{
+    const auto deadline = std::chrono::steady_clock::now() + bound;
+    while (!condition())
+    {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(2ms);
+    }
+    return true;
+}
+
+// Calls body on a thread of its own once, then up to cap times in all until
+// told to finish.
+class Worker
+{
+public:
+    Worker(size_t cap, std::function<void()> body) : cap(cap), body(std::move(body)), thread([this] { Run(); }) {}
+    // A worker whose Finish failed is detached: the test has failed and
+    // leaves what it uses alive.
+    ~Worker()
+    {
+        if (thread.joinable())
+            thread.detach();
+    }
+    Worker(const Worker&) = delete;
+    Worker& operator=(const Worker&) = delete;
+
+    size_t Rounds() const { return rounds; }
+    // false when the body did not return within the bound.
+    bool Finish()
+    {
+        stopping = true;
+        std::unique_lock<std::mutex> lock(mutex);
+        if (!changed.wait_for(lock, kBound, [&] { return finished; }))
+            return false;
+        lock.unlock();
+        thread.join();
+        return true;
+    }
+
+private:
+    void Run()
+    {
+        for (size_t n = 0; n < cap && (n == 0 || !stopping); ++n)
+        {
+            body();
+            ++rounds;
+        }
+        std::lock_guard<std::mutex> lock(mutex);
+        finished = true;
+        changed.notify_all();
+    }
+
+    const size_t cap;
+    const std::function<void()> body;
+    std::atomic<bool> stopping{false};
+    std::atomic<size_t> rounds{0};
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool finished = false;
+    std::thread thread;
+};
+
+// Calls Stop on a thread of its own; false when it has not returned within
+// the bound, and the thread is then left running.
+bool StopReturns(IServPlugin* plugin)
+{
+    auto stop = std::make_unique<Worker>(1, [plugin] { plugin->Stop(); });
+    if (stop->Finish())
+        return true;
+    stop.release();
+    return false;
+}
+
+// The ProductCfg.exe instances that timer items launch record themselves
+// into a file of the test's own; each has ended when the test ends.
+class Launches
+{
+public:
+    Launches()
+    {
+        wchar_t dir[MAX_PATH];
+        wchar_t file[MAX_PATH];
+        GetTempPathW(MAX_PATH, dir);
+        GetTempFileNameW(dir, L"pcl", 0, file);
+        path = file;
+        SetEnvironmentVariableW(L"PCP_PRODUCTCFG_RECORD", path.c_str());
+        for (const wchar_t* name : {L"PCP_PRODUCTCFG_HOLD_MS", L"PCP_PRODUCTCFG_READY", L"PCP_PRODUCTCFG_RELEASE"})
+            SetEnvironmentVariableW(name, nullptr);
+    }
+    ~Launches()
+    {
+        AwaitEnded(0);
+        SetEnvironmentVariableW(L"PCP_PRODUCTCFG_RECORD", nullptr);
+        DeleteFileW(path.c_str());
+    }
+    Launches(const Launches&) = delete;
+    Launches& operator=(const Launches&) = delete;
+
+    // Waits until count more instances have recorded themselves, then until
+    // each recorded one has ended; one that does not is terminated.
+    bool AwaitEnded(size_t count)
+    {
+        expected += count;
+        std::vector<DWORD> pids;
+        bool ok = Eventually([&] { return (pids = Pids()).size() >= expected; });
+        for (; ended < pids.size(); ++ended)
+        {
+            const UniqueHandle process(OpenProcess(SYNCHRONIZE | PROCESS_TERMINATE, FALSE, pids[ended]));
+            if (process && WaitForSingleObject(process.get(), standin::kBoundMs) != WAIT_OBJECT_0)
+            {
+                TerminateProcess(process.get(), 1);
+                WaitForSingleObject(process.get(), standin::kBoundMs);
+                ok = false;
+            }
+        }
+        return ok;
+    }
+
+private:
+    std::vector<DWORD> Pids() const
+    {
+        std::ifstream in(path.c_str(), std::ios::binary);
+        std::vector<DWORD> pids;
+        for (std::string line; std::getline(in, line);)
+            pids.push_back(std::stoul(line));
+        return pids;
+    }
+
+    std::wstring path;
+    size_t expected = 0;
+    size_t ended = 0;
+};
+
+class StopRaceTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(module.Loaded());
+        registry.Forget(HKEY_USERS, kSubscriptionKey);
+        registry.Forget(HKEY_LOCAL_MACHINE, kTestKey);
+        // The seccenter is never allowed, so only a record with another
+        // server product type arms the timer, due at once.
+        registry.SetDword(HKEY_USERS, kSubscriptionKey, L"GsShowed", 1);
+        registry.SetDword(HKEY_LOCAL_MACHINE, kProductKey, L"ProductCfgDelay", 0);
+    }
+
+    size_t Count(const char* level, const std::string& prefix) const
+    {
+        const auto lines = log.Messages(level);
+        return std::count_if(lines.begin(), lines.end(), [&](const std::string& l) { return l.rfind(prefix, 0) == 0; });
+    }
+
+    // One plugin object from Init to QmDestroyObject with Stop racing; false
+    // when a bounded wait failed and the objects in use were left alive.
+    bool Iteration(int i, Kind kind, standin::HeldProductCfg* earlier);
+
+    LogCapture log;
+    PluginModule module;
+    RegistryScratch registry;
+    Launches launches;
+};
+
+bool StopRaceTest::Iteration(int i, Kind kind, standin::HeldProductCfg* earlier)
+{
+    SCOPED_TRACE(std::string("iteration ") + std::to_string(i) + ", " + Name(kind));
+    log.Clear();
+    auto host = std::make_unique<sim::Host>();
+    host->config.Set(44, L"Desktop", L"PCPSTOPRACE");
+    host->config.Set(0, L"BASE", L"PcpStopRace");
+    host->config.Set(217, L"Desktop", kProductKey);
+    // Waiting for an earlier process needs a timer item at once.
+    host->subscription.SetRecord(kind == Kind::EarlierProcess ? Record(5) : Record(3));
+    IServPlugin* plugin = module.Create();
+    EXPECT_NE(plugin, nullptr);
+    if (plugin == nullptr)
+        return false;
+    EXPECT_EQ(plugin->Init(host.get()), 0u);
+    EXPECT_EQ(plugin->Start(), 0u);
+
+    std::vector<std::unique_ptr<Worker>> workers;
+    auto abandon = [&](const char* what) {
+        ADD_FAILURE() << what << " did not return within the bound; the objects in use are left alive";
+        for (auto& worker : workers)
+            worker.release();
+        host.release();
+        return false;
+    };
+
+    // Right after Start, Stop meets _DelayedLoad queued or running; else it
+    // comes after a different number of records each time.
+    if (kind == Kind::RightAfterStart)
+    {
+        EXPECT_TRUE(i % 4 == 0 || host->journal.WaitFor("Run _DelayedLoad"));
+    }
+    else
+    {
+        EXPECT_TRUE(host->WaitIdle());
+        EXPECT_TRUE(kind != Kind::Installer || Eventually([&] { return Count("INFO", kWaiting) == 1; }));
+        sim::Host* h = host.get();
+        workers.push_back(std::make_unique<Worker>(kRoundsPerWorker, [h] { h->queue.Advance(3600000); }));
+        auto delivered = std::make_shared<std::atomic<size_t>>(0);
+        workers.push_back(std::make_unique<Worker>(
+            kRoundsPerWorker, [h, delivered] { h->subscription.Deliver(Cycled((*delivered)++), false); }));
+        workers.push_back(std::make_unique<Worker>(
+            kRoundsPerWorker, [h] { h->productAgent.Async().Reply(L"1", L"Stop race organisation", false); }));
+        EXPECT_TRUE(kind != Kind::EarlierProcess || Eventually([&] { return Count("INFO", kProcessWait) == 1; }));
+        EXPECT_TRUE(Eventually([&] { return workers[1]->Rounds() > static_cast<size_t>(i % 7); }));
+    }
+
+    if (!StopReturns(plugin))
+    {
+        if (earlier == nullptr)
+            return abandon("Stop");
+        // A Stop held up by the wait for the earlier process: once that
+        // process ends, Stop should come back on its own.
+        ADD_FAILURE() << "Stop did not return within the bound while a timer item waited for an earlier "
+                         "ProductCfg.exe; the process is ended now";
+        earlier->Release();
+        if (!Eventually([&] { return Count("TRACE", "CProductConfigurationPlg::Stop: <- ") == 1; }))
+            return abandon("Stop, even after the earlier process ended,");
+    }
+    for (auto& worker : workers)
+    {
+        if (!worker->Finish())
+            return abandon("a worker");
+    }
+
+    switch (kind)
+    {
+    case Kind::Installer:
+        EXPECT_EQ(Count("INFO", kWaitThreadStopped), 1u);
+        EXPECT_EQ(Count("TRACE", kDoConfigEntry), 0u);
+        break;
+    case Kind::EarlierProcess:
+        // A timer item re-armed by a record may meet the stop event too; none
+        // starts a process while the earlier one runs.
+        EXPECT_GE(Count("INFO", kTimerStopped), 1u);
+        EXPECT_EQ(Count("INFO", kLaunch), 0u);
+        break;
+    default:
+        // No installer: waitThread never ran. (A timer item may have met the
+        // stop event while an instance it launched itself was still ending.)
+        EXPECT_EQ(Count("INFO", kWaitThreadStopped), 0u);
+    }
+
+    plugin->UnInit();
+    module.Destroy(plugin);
+    EXPECT_TRUE(host->WaitIdle());
+    EXPECT_EQ(host->ledger.Outstanding(), 0u);
+    EXPECT_EQ(host->ledger.DoubleReleases(), 0u);
+    EXPECT_EQ(host->queue.LiveTimers(), 0u);
+    EXPECT_EQ(host->queue.LiveSerialExecutions(), 0u);
+    EXPECT_EQ(host->queue.InvalidHandleCalls(), 0u);
+    EXPECT_EQ(host->components.Outstanding(), 0);
+    EXPECT_EQ(host->subscription.SinkCount() + host->sessionChange.SinkCount() +
+                  host->serviceStatus.ObserverCount() + host->productAgent.SinkCount() +
+                  host->productAgent.Async().SinkCount(),
+              0u);
+    EXPECT_EQ(host->journal.LinesStartingWith("ERROR"), std::vector<std::string>{});
+    EXPECT_TRUE(launches.AwaitEnded(Count("INFO", kLaunch) - Count("ERROR", kLaunchFailed)));
+    return true;
+}
+} // namespace
+
+TEST_F(StopRaceTest, StopEndsEverythingWhateverRunsBesideIt)
+{
+    int i = 0;
+    for (; i < 26; ++i)
+    {
+        if (!Iteration(i, i % 2 == 0 ? Kind::RightAfterStart : Kind::Busy, nullptr))
+            return;
+    }
+    {
+        standin::Installer installer;
+        ASSERT_TRUE(installer.Started()) << "InstallerStandin.exe exit code "
+                                         << installer.EarlyExit().value_or(0xFFFFFFFFu);
+        for (; i < 38; ++i)
+        {
+            if (!Iteration(i, Kind::Installer, nullptr))
+                return;
+        }
+    }
+    standin::HeldProductCfg earlier;
+    ASSERT_TRUE(earlier.Started()) << earlier.Problem();
+    for (; i < kIterations && !HasFailure(); ++i)
+    {
+        if (!Iteration(i, Kind::EarlierProcess, &earlier))
+            return;
+    }
+}
+
+// The same moment without a race: the timer item waits for the earlier
+// process, and a record's decision re-arms the timer on the serial execution,
+// where it waits for that item (WaitTimer) when Stop comes.
+TEST_F(StopRaceTest, StopEndsTheWaitForAnEarlierProcessWhileARecordReArmsTheTimer)
+{
+    standin::HeldProductCfg earlier;
+    ASSERT_TRUE(earlier.Started()) << earlier.Problem();
+    sim::Host host;
+    host.config.Set(44, L"Desktop", L"PCPSTOPRACE");
+    host.config.Set(217, L"Desktop", kProductKey);
+    host.subscription.SetRecord(Record(5));
+    IServPlugin* plugin = module.Create();
+    ASSERT_NE(plugin, nullptr);
+    ASSERT_EQ(plugin->Init(&host), 0u);
+    ASSERT_EQ(plugin->Start(), 0u);
+    ASSERT_TRUE(host.WaitIdle());
+    Worker timer(1, [&host] { host.queue.Advance(0); });
+    ASSERT_TRUE(Eventually([&] { return Count("INFO", kProcessWait) == 1; }));
+    host.subscription.Deliver(Record(5), false);
+    ASSERT_TRUE(host.journal.WaitFor("WaitTimer _ProductCfgTimer"));
+
+    const auto start = std::chrono::steady_clock::now();
+    const bool returned = StopReturns(plugin);
+    EXPECT_TRUE(returned) << "Stop waits for the serial execution, whose item waits for the timer item, which "
+                             "waits for the earlier ProductCfg.exe or the stop event that Stop sets only later";
+    if (!returned)
+    {
+        earlier.Release();
+        ASSERT_TRUE(Eventually([&] { return Count("TRACE", "CProductConfigurationPlg::Stop: <- ") == 1; }, 60s));
+        std::printf("Stop returned %lld ms after it was called, once the earlier process had ended\n",
+                    static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                               std::chrono::steady_clock::now() - start)
+                                               .count()));
+    }
+    ASSERT_TRUE(timer.Finish());
+    EXPECT_EQ(Count("INFO", kTimerStopped), returned ? 1u : 0u);
+    plugin->UnInit();
+    module.Destroy(plugin);
+    EXPECT_TRUE(launches.AwaitEnded(Count("INFO", kLaunch) - Count("ERROR", kLaunchFailed)));
+    EXPECT_EQ(host.ledger.Outstanding(), 0u);
+    EXPECT_EQ(host.queue.LiveTimers(), 0u);
+}
+
+// Stop while _DelayedLoad runs on the serial execution: the item is held at
+// its start until Stop has removed every sink, and then registers its own.
+// Whatever the interleaving, no sink may stay registered after Stop.
+TEST_F(StopRaceTest, StopMeetingARunningDelayedLoadLeavesNoSink)
+{
+    sim::Host host;
+    host.journal.SetListener([&host](const std::string& line) {
+        if (line == "Run _DelayedLoad")
+            host.journal.WaitFor("productagent.ClearResponseSink", 1, kBound);
+    });
+    IServPlugin* plugin = module.Create();
+    ASSERT_NE(plugin, nullptr);
+    ASSERT_EQ(plugin->Init(&host), 0u);
+    ASSERT_EQ(plugin->Start(), 0u);
+    ASSERT_TRUE(host.journal.WaitFor("Run _DelayedLoad"));
+    ASSERT_TRUE(StopReturns(plugin));
+    EXPECT_EQ(host.subscription.SinkCount(), 0u);
+    EXPECT_EQ(host.sessionChange.SinkCount(), 0u);
+    EXPECT_EQ(host.productAgent.SinkCount(), 0u);
+    EXPECT_EQ(host.productAgent.Async().SinkCount(), 0u);
+    plugin->UnInit();
+    module.Destroy(plugin);
+    EXPECT_EQ(host.ledger.Outstanding(), 0u);
+}
