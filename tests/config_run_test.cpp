@@ -15,8 +15,6 @@
 
 namespace
 {
-using Strings = std::vector<std::string>;
-
 constexpr wchar_t kProductId[] = L"PCPCFGRUN";
 constexpr wchar_t kSubscriptionKey[] = L".DEFAULT\\SOFTWARE\\Sub_ID_PCPCFGRUN";
 constexpr wchar_t kProductRoot[] = L"Software\\PcpCfgRun";
@@ -36,22 +34,7 @@ const std::wstring kDoConfig = L"\"ProductCfg.exe\" do_config_seccenter";
 // no commercial identifier, and an account only when given.
 SubscriptionData Record(int32_t serverType, int32_t localType, const char* account = "")
 {
-    SubscriptionData record;
-    record.ServerProductType = serverType;
-    record.ProductType = localType;
-    record.StatusCode = 1;
-    SetFixedText(record.AccountId, account);
-    return record;
-}
-
-bool Contains(const Strings& lines, const std::string& line)
-{
-    return std::find(lines.begin(), lines.end(), line) != lines.end();
-}
-
-bool AnyStartsWith(const Strings& lines, const std::string& prefix)
-{
-    return std::any_of(lines.begin(), lines.end(), [&](const std::string& l) { return l.rfind(prefix, 0) == 0; });
+    return MakeRecord(serverType, localType, 1, account);
 }
 
 // The plugin with product settings and registry values of the test's own,
@@ -83,12 +66,7 @@ protected:
         PluginTest::TearDown();
     }
 
-    static void Configure(sim::Host& target)
-    {
-        target.config.Set(217, L"Desktop", kProductKey);
-        target.config.Set(44, L"Desktop", kProductId);
-        target.config.Set(0, L"BASE", L"PcpCfgRun");
-    }
+    static void Configure(sim::Host& target) { ConfigureProduct(target, kProductId, L"PcpCfgRun", kProductKey); }
     void StartPlugin()
     {
         ASSERT_EQ(plugin->Init(host.get()), 0u);
@@ -131,19 +109,11 @@ protected:
     }
     bool BackgroundDone() { return background.wait_for(kBound) == std::future_status::ready; }
 
-    // Polls the log for line at level, up to the bound.
     bool AwaitLine(const std::string& level, const std::string& line) const
     {
-        const auto deadline = std::chrono::steady_clock::now() + kBound;
-        while (!Contains(log.Messages(level), line))
-        {
-            if (std::chrono::steady_clock::now() > deadline)
-                return false;
-            Sleep(10);
-        }
-        return true;
+        return Eventually([&] { return log.Contains(level, line); }, kBound);
     }
-    bool Launched() const { return AnyStartsWith(log.Messages("INFO"), "ExecuteProcessAsUser: Run "); }
+    bool Launched() const { return log.Count("INFO", "ExecuteProcessAsUser: Run ") > 0; }
 
     RegistryScratch registry;
     bool running = false;
@@ -217,11 +187,10 @@ TEST_F(ConfigRunTest, SeccenterRuleArmsTheTimerExactlyWhenItAllows)
         EXPECT_EQ(Armings() - armings, row.allowed ? 1u : 0u);
         EXPECT_EQ(registry.Dword(HKEY_LOCAL_MACHINE, kProductKey, kMarker), row.markerAfter);
         const bool markerMissed = !row.account && row.productKey && !row.marker;
-        const Strings info = log.Messages("INFO");
-        EXPECT_EQ(Contains(info, "CProductConfigurationPlg::_IsSeccenterAllowedWhenNoAccount: "
+        EXPECT_EQ(log.Contains("INFO", "CProductConfigurationPlg::_IsSeccenterAllowedWhenNoAccount: "
                                  "get_dword_value failed, err:2"),
                   markerMissed);
-        EXPECT_TRUE(Contains(info, "CProductConfigurationPlg::_DoConfig: cfgStatus = 0; comStatus = 0"));
+        EXPECT_TRUE(log.Contains("INFO", "CProductConfigurationPlg::_DoConfig: cfgStatus = 0; comStatus = 0"));
     }
     // Each arming replaced the timer before: one is left, never fired.
     const auto timers = host->queue.Timers();
@@ -248,7 +217,7 @@ TEST_F(ConfigRunTest, WithoutAnAccountTheSeccenterIsAllowedOnceAndAnAccountLeave
     log.Clear();
     host->queue.Advance(0);
     EXPECT_EQ(Firings(), 1u);
-    EXPECT_TRUE(Contains(log.Messages("INFO"), std::string(kTimer) + "Config not needed"));
+    EXPECT_TRUE(log.Contains("INFO", std::string(kTimer) + "Config not needed"));
     EXPECT_FALSE(Launched());
 
     // With an account the marker is neither read nor written.
@@ -257,7 +226,7 @@ TEST_F(ConfigRunTest, WithoutAnAccountTheSeccenterIsAllowedOnceAndAnAccountLeave
     Deliver(Record(3, 3, "account-1"));
     EXPECT_EQ(Armings(), 2u);
     EXPECT_EQ(registry.Dword(HKEY_LOCAL_MACHINE, kProductKey, kMarker), kAbsent);
-    EXPECT_FALSE(AnyStartsWith(log.Messages("INFO"), "CProductConfigurationPlg::_IsSeccenterAllowedWhenNoAccount:"));
+    EXPECT_EQ(log.Count("INFO", "CProductConfigurationPlg::_IsSeccenterAllowedWhenNoAccount:"), 0u);
 }
 
 TEST_F(ConfigRunTest, DelayComesFromTheRegistryInInitAndCountsFromTheArming)
@@ -284,7 +253,7 @@ TEST_F(ConfigRunTest, DelayComesFromTheRegistryInInitAndCountsFromTheArming)
         log.Clear();
         ASSERT_EQ(plugin->Init(host.get()), 0u);
         running = true;
-        EXPECT_TRUE(Contains(log.Messages(row.level), row.line));
+        EXPECT_TRUE(log.Contains(row.level, row.line));
 
         host->queue.Advance(5000); // the clock runs before the first record arrives
         host->subscription.SetRecord(Record(4, 3));
@@ -311,17 +280,16 @@ TEST_F(ConfigRunTest, DifferentServerTypeRunsDoConfigAfterTheDelayAndTheHourlyFi
     const std::vector<std::wstring> launched = AwaitLaunched();
     EXPECT_EQ(launched[3], kBeside);
     EXPECT_EQ(launched[4], kDoConfig);
-    const Strings info = log.Messages("INFO");
-    EXPECT_TRUE(Contains(info, kRestarting));
-    EXPECT_TRUE(Contains(info, "CProductConfigurationPlg::_ExecuteProcessInSession: bSystem = true"));
-    EXPECT_TRUE(Contains(log.Messages("ERROR"), std::string(kWait) + "Could not get pid for productcfg.exe"));
+    EXPECT_TRUE(log.Contains("INFO", kRestarting));
+    EXPECT_TRUE(log.Contains("INFO", "CProductConfigurationPlg::_ExecuteProcessInSession: bSystem = true"));
+    EXPECT_TRUE(log.Contains("ERROR", std::string(kWait) + "Could not get pid for productcfg.exe"));
 
     // The launched one still runs; the hourly firing does not look for it.
     log.Clear();
     AdvanceInBackground(3600000);
     ASSERT_TRUE(BackgroundDone()) << "the hourly firing waits for the first run to end";
     EXPECT_EQ(Firings(), 2u);
-    EXPECT_TRUE(Contains(log.Messages("INFO"), std::string(kTimer) + "Config not needed"));
+    EXPECT_TRUE(log.Contains("INFO", std::string(kTimer) + "Config not needed"));
     EXPECT_FALSE(Launched());
     EXPECT_EQ(Recorded(), 1u);
 }
@@ -365,10 +333,9 @@ TEST_F(ConfigRunTest, EarlierProductCfgDelaysTheLaunchOnlyFromTheHostsFolderAndW
         EXPECT_EQ(launched[3], kBeside);
         EXPECT_EQ(launched[4], kDoConfig);
         EXPECT_EQ(Running(earlier), !row.waits);
-        const Strings info = log.Messages("INFO");
-        EXPECT_TRUE(Contains(log.Messages(row.level), row.line));
-        EXPECT_EQ(Contains(info, kWaiting), row.waits);
-        EXPECT_TRUE(Contains(info, kRestarting));
+        EXPECT_TRUE(log.Contains(row.level, row.line));
+        EXPECT_EQ(log.Contains("INFO", kWaiting), row.waits);
+        EXPECT_TRUE(log.Contains("INFO", kRestarting));
         EndAll();
     }
 }
@@ -390,13 +357,12 @@ TEST_F(ConfigRunTest, StopEndsTheWaitForAnEarlierProductCfgAndNothingStarts)
     stopped.wait();
     ASSERT_TRUE(BackgroundDone());
 
-    EXPECT_TRUE(Contains(log.Messages("INFO"), std::string(kTimer) + "Receive stop event"));
-    EXPECT_FALSE(Contains(log.Messages("INFO"), kRestarting));
+    EXPECT_TRUE(log.Contains("INFO", std::string(kTimer) + "Receive stop event"));
+    EXPECT_FALSE(log.Contains("INFO", kRestarting));
     EXPECT_FALSE(Launched());
     EXPECT_TRUE(Running(earlier));
     EXPECT_EQ(Recorded(), 1u);
-    EXPECT_EQ(host->queue.LiveTimers(), 0u);
-    EXPECT_EQ(host->ledger.Outstanding(), 0u);
-    EXPECT_EQ(host->ledger.DoubleReleases(), 0u);
+    DestroyPlugin();
+    ExpectNothingLeft(*host);
 }
 } // namespace

@@ -3,13 +3,7 @@
 // exists and is not set, records change the status block but no decision is
 // taken; when it is set, waitThread takes exactly one, on the latest status;
 // Stop ends the wait without one.
-#include <algorithm>
-#include <chrono>
-#include <fstream>
-#include <functional>
-#include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "plugin_fixture.h"
@@ -34,25 +28,7 @@ const std::string kRecordEntry =
 // involved: cfgStatus follows the two product types.
 SubscriptionData Record(int32_t serverType, int32_t localType, uint32_t statusCode = 0)
 {
-    SubscriptionData record;
-    record.ServerProductType = serverType;
-    record.ProductType = localType;
-    record.StatusCode = statusCode;
-    SetFixedText(record.AccountId, "acc-installer");
-    return record;
-}
-
-// True once condition holds, polled until the bound.
-bool Eventually(const std::function<bool()>& condition, std::chrono::milliseconds bound = std::chrono::seconds(10))
-{
-    const auto deadline = std::chrono::steady_clock::now() + bound;
-    while (!condition())
-    {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
+    return MakeRecord(serverType, localType, statusCode, "acc-installer");
 }
 
 class InstallerWaitTest : public PluginTest
@@ -62,9 +38,7 @@ protected:
     {
         registry.Forget(HKEY_USERS, kSubscriptionKey);
         registry.Forget(HKEY_LOCAL_MACHINE, kTestKey);
-        host->config.Set(44, L"Desktop", L"PCPINSTALLERWAIT");
-        host->config.Set(0, L"BASE", L"PcpInstallerWait");
-        host->config.Set(217, L"Desktop", kProductKey);
+        ConfigureProduct(*host, L"PCPINSTALLERWAIT", L"PcpInstallerWait", kProductKey);
         // The seccenter is not allowed (GsShowed present, no onboarding key),
         // so a decision arms the timer exactly when cfgStatus is 1; the
         // timer is never due within a test.
@@ -88,16 +62,8 @@ protected:
         ASSERT_TRUE(host->WaitIdle());
     }
 
-    size_t Count(const std::string& line) const
-    {
-        size_t count = 0;
-        for (const char* level : {"INFO", "TRACE"})
-        {
-            const auto lines = log.Messages(level);
-            count += std::count(lines.begin(), lines.end(), line);
-        }
-        return count;
-    }
+    // Lines at INFO or TRACE that start with line.
+    size_t Count(const std::string& line) const { return log.Count("INFO", line) + log.Count("TRACE", line); }
     size_t DoConfigRuns() const { return Count(kDoConfigEntry); }
     std::vector<std::string> Decisions() const
     {
@@ -109,22 +75,7 @@ protected:
     }
     size_t TimersArmed() const { return host->ledger.ReceivedCount("_ProductCfgTimer"); }
 
-    // Thread identifiers of the log lines whose "function: text" starts with
-    // prefix, in order.
-    static std::vector<std::string> Threads(const std::string& prefix)
-    {
-        wchar_t path[MAX_PATH] = {};
-        GetEnvironmentVariableW(L"QM_LOG_FILE", path, MAX_PATH);
-        std::ifstream in(path, std::ios::binary);
-        std::vector<std::string> threads;
-        for (std::string line, time, thread, level, rest; std::getline(in, line);)
-        {
-            std::istringstream fields(line.substr(0, line.find('\r')));
-            if (fields >> time >> thread >> level && std::getline(fields >> std::ws, rest) && rest.rfind(prefix, 0) == 0)
-                threads.push_back(thread);
-        }
-        return threads;
-    }
+    std::vector<std::string> Threads(const std::string& prefix) const { return log.Threads(prefix); }
 
     RegistryScratch registry;
     standin::Installer installer;
@@ -157,8 +108,7 @@ TEST_F(InstallerWaitTest, RecordsWaitForTheInstallerThenOneDecisionOnTheLatestSt
     EXPECT_EQ(doConfig[1], Threads(kRecordEntry).back());
     EXPECT_NE(doConfig[1], waitThread);
 
-    plugin->Stop();
-    plugin->UnInit();
+    StopAndUnInit();
     EXPECT_EQ(Count(kStopped), 0u);
 }
 
@@ -174,8 +124,7 @@ TEST_F(InstallerWaitTest, InstallerDoneBeforeTheLoadButStillThereGivesOneDecisio
     EXPECT_EQ(DoConfigRuns(), 1u);
     EXPECT_EQ(Threads(kDoConfigEntry), Threads(kWaiting));
     EXPECT_EQ(Decisions(), std::vector<std::string>{"cfgStatus = 0; comStatus = 0"});
-    plugin->Stop();
-    plugin->UnInit();
+    StopAndUnInit();
 }
 
 TEST_F(InstallerWaitTest, StopDuringTheWaitEndsItWithoutADecision)

@@ -6,8 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -15,6 +13,7 @@
 #include "launch/process_lookup.h"
 #include "launch/sessions.h"
 #include "launch/user_token.h"
+#include "log_capture.h"
 #include "productcfg_harness.h"
 #include "support/log_client.h"
 
@@ -57,13 +56,12 @@ UniqueHandle OwnToken(bool bSystem)
 }
 
 // Stand-ins held running for a minute, recording themselves into a file of the
-// test's own, and the log library's lines in another beside it.
+// test's own, and the log library's lines in another.
 class ProductCfgTest : public ::testing::Test, protected ProductCfgStandIns
 {
 protected:
     ProductCfgTest()
     {
-        SetEnvironmentVariableW(L"QM_LOG_FILE", (workDir + L"\\log.txt").c_str());
         logRef.Acquire();
         GetCurrentDirectoryW(MAX_PATH, savedDirectory);
     }
@@ -72,24 +70,10 @@ protected:
         EndAll();
         logRef.Release(); // while its file is still named
         SetCurrentDirectoryW(savedDirectory);
-        SetEnvironmentVariableW(L"QM_LOG_FILE", nullptr);
-        DeleteFileW((workDir + L"\\log.txt").c_str());
     }
+    Lines Messages(const std::string& level) const { return log.Messages(level); }
 
-    // "function: text" of the log lines at level (ERROR, WARN, INFO).
-    Lines Messages(const std::string& level) const
-    {
-        std::ifstream in((workDir + L"\\log.txt").c_str(), std::ios::binary);
-        Lines result;
-        for (std::string line, time, thread, name, rest; std::getline(in, line);)
-        {
-            std::istringstream fields(line.substr(0, line.find('\r')));
-            if (fields >> time >> thread >> name && name == level && std::getline(fields >> std::ws, rest))
-                result.push_back(rest);
-        }
-        return result;
-    }
-
+    LogCapture log;
     wchar_t savedDirectory[MAX_PATH] = {};
     CLogDLLRef logRef;
 };
@@ -204,12 +188,16 @@ TEST_F(ProductCfgTest, TokensAndEveryFailureRowLeaveNothingOpenOverAThousandLook
         DuplicateTokenEx(OwnToken(true).get(), TOKEN_QUERY, nullptr, SecurityIdentification, TokenPrimary, &token);
         return UniqueHandle(token);
     }();
+    constexpr DWORD kNeverAProcess = 0xFFFFFFF1;
+    bool firstRound = true;
     const auto round = [&] {
         DWORD pid = 0;
         EXPECT_EQ(GetProcessPid(L"ProductCfg.exe", pid, ExeDirectory()), 0u);
         EXPECT_EQ(GetProcessPid(L"NoSuchImage.exe", pid, L""), DWORD{ERROR_NOT_FOUND});
         EXPECT_TRUE(OwnToken(false));
-        EXPECT_FALSE(GetUserToken(ended, 1, true));
+        // An ended process's id can be handed to a new process at any time;
+        // an odd id is never handed out and fails the same way.
+        EXPECT_FALSE(GetUserToken(firstRound ? ended : kNeverAProcess, 1, true));
         EXPECT_FALSE(GetUserToken(withoutDebug, 1, true));
         HANDLE copy = nullptr;
         DuplicateHandle(GetCurrentProcess(), queryOnly.get(), GetCurrentProcess(), &copy, 0, FALSE,
@@ -217,6 +205,7 @@ TEST_F(ProductCfgTest, TokensAndEveryFailureRowLeaveNothingOpenOverAThousandLook
         EXPECT_EQ(ExecuteProcessAsUser(L"show_seccenter", UniqueHandle(copy)), DWORD{ERROR_ACCESS_DENIED});
     };
     round(); // the first calls load what they keep for later
+    firstRound = false;
     EXPECT_EQ(Messages("ERROR"), (Lines{"GetUserToken: OpenProcess pid=" + std::to_string(ended) + " failed err = 87",
                                         "GetUserToken: AdjustTokenPrivileges failed err = 1300",
                                         "ExecuteProcessAsUser: CreateProcessAsUser failed err=5"}));

@@ -6,18 +6,76 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
+#include <chrono>
+#include <functional>
 #include <memory>
-#include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "host/interface_id.h"
 #include "host/plugin.h"
+#include "log_capture.h"
 #include "simhost/sim_host.h"
 
 using QmCreateObjectFn = Status (*)(const wchar_t*, const InterfaceId&, void**);
 using QmDestroyObjectFn = void (*)(const wchar_t*, void*);
+
+// True once condition holds, polled every 2 ms up to the bound.
+inline bool Eventually(const std::function<bool()>& condition,
+                       std::chrono::milliseconds bound = std::chrono::seconds(10))
+{
+    const auto deadline = std::chrono::steady_clock::now() + bound;
+    while (!condition())
+    {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+inline SubscriptionData MakeRecord(int32_t serverType, int32_t localType, uint32_t statusCode = 0,
+                                   const char* account = "")
+{
+    SubscriptionData record;
+    record.ServerProductType = serverType;
+    record.ProductType = localType;
+    record.StatusCode = statusCode;
+    SetFixedText(record.AccountId, account);
+    return record;
+}
+
+// Settings 44 (product id: the subscription key's name), 0 (base folder)
+// and 217 (the product key under HKLM).
+inline void ConfigureProduct(sim::Host& host, const wchar_t* id, const wchar_t* base, const wchar_t* productKey)
+{
+    host.config.Set(44, L"Desktop", id);
+    host.config.Set(0, L"BASE", base);
+    host.config.Set(217, L"Desktop", productKey);
+}
+
+using Sinks = std::vector<size_t>;
+// Registered with the host: subscription, session change and product agent
+// sinks, the agent's asynchronous sink, service status observers.
+inline Sinks SinksOf(sim::Host& host)
+{
+    return {host.subscription.SinkCount(), host.sessionChange.SinkCount(), host.productAgent.SinkCount(),
+            host.productAgent.Async().SinkCount(), host.serviceStatus.ObserverCount()};
+}
+
+// Nothing of the plugin's is left with the host once the object is gone.
+inline void ExpectNothingLeft(sim::Host& host)
+{
+    EXPECT_TRUE(host.WaitIdle());
+    EXPECT_EQ(host.ledger.Outstanding(), 0u);
+    EXPECT_EQ(host.ledger.DoubleReleases(), 0u);
+    EXPECT_EQ(host.queue.LiveTimers(), 0u);
+    EXPECT_EQ(host.queue.LiveSerialExecutions(), 0u);
+    EXPECT_EQ(host.queue.InvalidHandleCalls(), 0u);
+    EXPECT_EQ(host.components.Outstanding(), 0);
+    EXPECT_EQ(SinksOf(host), Sinks(5, 0));
+}
 
 class PluginModule
 {
@@ -56,56 +114,6 @@ private:
     QmDestroyObjectFn destroy = nullptr;
 };
 
-// Sends the log library's lines (log.dll beside the plugin) to a file of
-// this test's own, and reads back "function: text" of one level.
-class LogCapture
-{
-public:
-    LogCapture()
-    {
-        wchar_t dir[MAX_PATH];
-        GetTempPathW(MAX_PATH, dir);
-        wchar_t file[MAX_PATH];
-        GetTempFileNameW(dir, L"plg", 0, file);
-        path = file;
-        SetEnvironmentVariableW(L"QM_LOG_FILE", path.c_str());
-    }
-    ~LogCapture()
-    {
-        SetEnvironmentVariableW(L"QM_LOG_FILE", nullptr);
-        DeleteFileW(path.c_str());
-    }
-    LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
-
-    // Lines "HH:MM:SS.mmm <thread> <LEVEL> <indent><function>: <text>" of
-    // the given level name, as "<function>: <text>".
-    std::vector<std::string> Messages(const std::string& level) const
-    {
-        std::ifstream in(path.c_str(), std::ios::binary);
-        std::vector<std::string> result;
-        std::string line;
-        while (std::getline(in, line))
-        {
-            if (!line.empty() && line.back() == '\r')
-                line.pop_back();
-            std::istringstream fields(line);
-            std::string time, thread, name;
-            fields >> time >> thread >> name;
-            if (name != level)
-                continue;
-            std::string rest;
-            std::getline(fields >> std::ws, rest);
-            result.push_back(rest);
-        }
-        return result;
-    }
-    void Clear() const { std::ofstream(path.c_str(), std::ios::trunc); }
-
-private:
-    std::wstring path;
-};
-
 // A fresh host and plugin object for each test; the object is destroyed
 // through the export at the end unless the test did so.
 class PluginTest : public ::testing::Test
@@ -132,6 +140,12 @@ protected:
         ASSERT_EQ(plugin->Init(host.get()), 0u);
         ASSERT_EQ(plugin->Start(), 0u);
         ASSERT_TRUE(host->WaitIdle());
+    }
+
+    void StopAndUnInit()
+    {
+        plugin->Stop();
+        plugin->UnInit();
     }
 
     LogCapture log;

@@ -148,16 +148,11 @@ TEST_F(PluginTest, DelayedLoadRunsOnceHoweverOftenItIsPosted)
 
     EXPECT_EQ(host->ledger.ReceivedCount("_DelayedLoad"), 3u);
     EXPECT_EQ(host->journal.Count("Run _DelayedLoad"), 3u);
-    const Strings info = log.Messages("INFO");
-    EXPECT_EQ(std::count(info.begin(), info.end(), "CProductConfigurationPlg::_DelayedLoad: Already initialized"), 2);
-    EXPECT_EQ(host->subscription.SinkCount(), 1u);
-    EXPECT_EQ(host->sessionChange.SinkCount(), 1u);
-    EXPECT_EQ(host->productAgent.SinkCount(), 1u);
-    EXPECT_EQ(host->productAgent.Async().SinkCount(), 1u);
+    EXPECT_EQ(log.Count("INFO", "CProductConfigurationPlg::_DelayedLoad: Already initialized"), 2u);
+    EXPECT_EQ(SinksOf(*host), (Sinks{1, 1, 1, 1, 1}));
     EXPECT_EQ(host->journal.Count("productagent.GetUserInfoExAsync"), 1u);
 
-    plugin->Stop();
-    plugin->UnInit();
+    StopAndUnInit();
     EXPECT_EQ(host->ledger.Outstanding(), 0u);
     EXPECT_EQ(host->ledger.ReleasedCount("_DelayedLoad"), 3u);
     EXPECT_EQ(host->ledger.DoubleReleases(), 0u);
@@ -174,27 +169,21 @@ TEST_F(PluginTest, NothingButTheObserverUntilTheHostServiceHasLoaded)
     const size_t added = host->journal.Find("QmServiceStatusClient.AddObserver");
     ASSERT_NE(added, sim::Journal::npos);
     EXPECT_NE(host->journal.Find("QmServiceStatusClient.GetStatus 0 -> 0", added), sim::Journal::npos);
-    EXPECT_EQ(host->serviceStatus.ObserverCount(), 1u);
+    EXPECT_EQ(SinksOf(*host), (Sinks{0, 0, 0, 0, 1}));
     EXPECT_EQ(host->ledger.ReceivedCount(), 0u);
-    const Strings info = log.Messages("INFO");
-    EXPECT_EQ(std::count(info.begin(), info.end(), "CProductConfigurationPlg::Start: Orbhub service is not loaded yet"), 1);
-    EXPECT_EQ(host->subscription.SinkCount(), 0u);
+    EXPECT_EQ(log.Count("INFO", "CProductConfigurationPlg::Start: Orbhub service is not loaded yet"), 1u);
 
     host->serviceStatus.Deliver(0, 1);
     ASSERT_TRUE(host->WaitIdle());
-    EXPECT_EQ(host->subscription.SinkCount(), 1u);
-    EXPECT_EQ(host->sessionChange.SinkCount(), 1u);
-    plugin->Stop();
-    plugin->UnInit();
+    EXPECT_EQ(SinksOf(*host), (Sinks{1, 1, 1, 1, 1}));
+    StopAndUnInit();
 }
 
 TEST_F(PluginTest, DelayedLoadGoesOnWithoutTheAsynchronousAgent)
 {
     host->productAgent.SetAsyncAvailable(false);
     StartLoaded();
-    EXPECT_EQ(host->subscription.SinkCount(), 1u);
-    EXPECT_EQ(host->productAgent.SinkCount(), 1u);
-    EXPECT_EQ(host->productAgent.Async().SinkCount(), 0u);
+    EXPECT_EQ(SinksOf(*host), (Sinks{1, 1, 1, 0, 1}));
     EXPECT_EQ(host->journal.Count("productagent.GetUserInfoExAsync"), 0u);
     plugin->Stop();
     EXPECT_EQ(host->journal.Count("productagent.ClearResponseSink"), 0u);
@@ -216,11 +205,7 @@ TEST_F(PluginTest, StopRemovesEverySinkInOrderAndRepeatsSafely)
                               "ReleaseSerialExecution"};
     Strings lines = host->journal.Lines();
     EXPECT_EQ(Strings(lines.begin() + static_cast<long>(before), lines.end()), expected);
-    EXPECT_EQ(host->serviceStatus.ObserverCount(), 0u);
-    EXPECT_EQ(host->subscription.SinkCount(), 0u);
-    EXPECT_EQ(host->sessionChange.SinkCount(), 0u);
-    EXPECT_EQ(host->productAgent.SinkCount(), 0u);
-    EXPECT_EQ(host->productAgent.Async().SinkCount(), 0u);
+    EXPECT_EQ(SinksOf(*host), Sinks(5, 0));
     EXPECT_EQ(host->queue.LiveSerialExecutions(), 0u);
 
     // A second Stop repeats the removals and finds the serial execution gone.
@@ -244,13 +229,12 @@ TEST_F(PluginTest, StopBeforeDelayedLoadRemovesAllAndJoinsNothing)
     ASSERT_EQ(plugin->Init(host.get()), 0u);
     ASSERT_EQ(plugin->Start(), 0u);
     plugin->Stop();
-    EXPECT_EQ(host->journal.Count("SubscriptionCommClient.Unsubscribe"), 1u);
-    EXPECT_EQ(host->journal.Count("sessionchange.Unsubscribe"), 1u);
-    EXPECT_EQ(host->journal.Count("productagentcommclient.Unsubscribe"), 1u);
+    for (const char* removal : {"SubscriptionCommClient.Unsubscribe", "sessionchange.Unsubscribe",
+                                "productagentcommclient.Unsubscribe"})
+        EXPECT_EQ(host->journal.Count(removal), 1u) << removal;
     EXPECT_TRUE(host->journal.LinesStartingWith("CancelTimer").empty());
     EXPECT_TRUE(host->journal.LinesStartingWith("DeleteTimer").empty());
-    plugin->Stop();
-    plugin->UnInit();
+    StopAndUnInit();
     EXPECT_EQ(host->components.Outstanding(), 0);
 }
 
@@ -270,15 +254,14 @@ TEST_F(PluginTest, ItemsStillQueuedAtStopAreReleasedUnrun)
     EXPECT_EQ(host->journal.Count("Release _DelayedLoad (not run)"), 3u);
     EXPECT_EQ(host->ledger.Outstanding(), 0u);
     EXPECT_EQ(host->ledger.DoubleReleases(), 0u);
-    EXPECT_EQ(host->subscription.SinkCount(), 0u);
+    EXPECT_EQ(SinksOf(*host), Sinks(5, 0));
     plugin->UnInit();
 }
 
 TEST_F(PluginTest, ANewCycleTakesANewObject)
 {
     StartLoaded();
-    plugin->Stop();
-    plugin->UnInit();
+    StopAndUnInit();
     DestroyPlugin();
 
     // The run-once flag died with the old object: a new one loads again.
@@ -286,7 +269,6 @@ TEST_F(PluginTest, ANewCycleTakesANewObject)
     plugin = module.Create();
     ASSERT_NE(plugin, nullptr);
     StartLoaded();
-    EXPECT_EQ(host->subscription.SinkCount(), 1u);
-    plugin->Stop();
-    plugin->UnInit();
+    EXPECT_EQ(SinksOf(*host), (Sinks{1, 1, 1, 1, 1}));
+    StopAndUnInit();
 }

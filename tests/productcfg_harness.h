@@ -19,17 +19,11 @@
 #include <utility>
 #include <vector>
 
+#include "standin_control.h"
 #include "support/unique_resource.h"
 
-// Bound of every wait for a stand-in, in milliseconds.
-constexpr DWORD kStandInBoundMs = 20000;
-
-inline std::wstring ExeDirectory()
-{
-    wchar_t path[MAX_PATH];
-    const std::wstring exe(path, GetModuleFileNameW(nullptr, path, MAX_PATH));
-    return exe.substr(0, exe.rfind(L'\\'));
-}
+using standin::kBoundMs;
+inline std::wstring ExeDirectory() { return standin::ExecutableDirectory(); }
 
 // The stand-in in the folder of the test executable, the host's folder.
 const std::wstring kBeside = ExeDirectory() + L"\\ProductCfg.exe";
@@ -77,7 +71,7 @@ public:
                                    nullptr, nullptr, &startup, &created));
         UniqueHandle thread(created.hThread);
         processes.emplace_back(created.dwProcessId, UniqueHandle(created.hProcess));
-        EXPECT_EQ((flags & CREATE_SUSPENDED) ? 0 : WaitForSingleObject(ready.get(), kStandInBoundMs), WAIT_OBJECT_0);
+        EXPECT_EQ((flags & CREATE_SUSPENDED) ? 0 : WaitForSingleObject(ready.get(), kBoundMs), WAIT_OBJECT_0);
         return created.dwProcessId;
     }
     // Waits for a stand-in that the code under test started, takes it into
@@ -85,7 +79,7 @@ public:
     // executable, command line.
     std::vector<std::wstring> AwaitLaunched()
     {
-        EXPECT_EQ(WaitForSingleObject(ready.get(), kStandInBoundMs), WAIT_OBJECT_0);
+        EXPECT_EQ(WaitForSingleObject(ready.get(), kBoundMs), WAIT_OBJECT_0);
         const std::vector<std::string> lines = RecordLines();
         const std::string last = lines.empty() ? std::string() : lines.back();
         std::wstring wide(last.size(), L'\0');
@@ -114,9 +108,9 @@ public:
         const auto found = Find(pid);
         ASSERT_NE(found, processes.end()) << pid;
         TerminateProcess(found->second.get(), 1);
-        EXPECT_EQ(WaitForSingleObject(found->second.get(), kStandInBoundMs), WAIT_OBJECT_0) << pid;
+        EXPECT_EQ(WaitForSingleObject(found->second.get(), kBoundMs), WAIT_OBJECT_0) << pid;
         processes.erase(found);
-        for (DWORD ms = 0; untilGone && UniqueHandle(OpenProcess(SYNCHRONIZE, FALSE, pid)) && ms < kStandInBoundMs;
+        for (DWORD ms = 0; untilGone && UniqueHandle(OpenProcess(SYNCHRONIZE, FALSE, pid)) && ms < kBoundMs;
              ms += 10)
             Sleep(10);
     }

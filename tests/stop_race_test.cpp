@@ -5,17 +5,10 @@
 // while waitThread waits for an installer (InstallerStandin.exe), and while
 // a timer item waits for an earlier ProductCfg.exe. Every wait is bounded:
 // a Stop that does not return is a failure, never a hung test.
-#include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <condition_variable>
 #include <fstream>
-#include <functional>
-#include <memory>
 #include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "plugin_fixture.h"
 #include "registry_scratch.h"
@@ -62,12 +55,7 @@ const char* Name(Kind kind)
 
 SubscriptionData Record(int32_t serverType, uint32_t statusCode = 0)
 {
-    SubscriptionData record;
-    record.ServerProductType = serverType;
-    record.ProductType = 3;
-    record.StatusCode = statusCode;
-    SetFixedText(record.AccountId, "acc-race");
-    return record;
+    return MakeRecord(serverType, 3, statusCode, "acc-race");
 }
 
 // One record in six asks for a run (cfgStatus 1); the others do not, or
@@ -80,18 +68,6 @@ SubscriptionData Cycled(size_t n)
     case 3: return Record(0, 7);
     default: return Record(3);
     }
-}
-
-bool Eventually(const std::function<bool()>& condition, std::chrono::milliseconds bound = kBound)
-{
-    const auto deadline = std::chrono::steady_clock::now() + bound;
-    while (!condition())
-    {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(2ms);
-    }
-    return true;
 }
 
 // Calls body on a thread of its own once, then up to cap times in all until
@@ -231,11 +207,7 @@ protected:
         registry.SetDword(HKEY_LOCAL_MACHINE, kProductKey, L"ProductCfgDelay", 0);
     }
 
-    size_t Count(const char* level, const std::string& prefix) const
-    {
-        const auto lines = log.Messages(level);
-        return std::count_if(lines.begin(), lines.end(), [&](const std::string& l) { return l.rfind(prefix, 0) == 0; });
-    }
+    size_t Count(const char* level, const std::string& prefix) const { return log.Count(level, prefix); }
 
     // One plugin object from Init to QmDestroyObject with Stop racing; false
     // when a bounded wait failed and the objects in use were left alive.
@@ -252,9 +224,7 @@ bool StopRaceTest::Iteration(int i, Kind kind, standin::HeldProductCfg* earlier)
     SCOPED_TRACE(std::string("iteration ") + std::to_string(i) + ", " + Name(kind));
     log.Clear();
     auto host = std::make_unique<sim::Host>();
-    host->config.Set(44, L"Desktop", L"PCPSTOPRACE");
-    host->config.Set(0, L"BASE", L"PcpStopRace");
-    host->config.Set(217, L"Desktop", kProductKey);
+    ConfigureProduct(*host, L"PCPSTOPRACE", L"PcpStopRace", kProductKey);
     // Waiting for an earlier process needs a timer item at once.
     host->subscription.SetRecord(kind == Kind::EarlierProcess ? Record(5) : Record(3));
     IServPlugin* plugin = module.Create();
@@ -332,17 +302,7 @@ bool StopRaceTest::Iteration(int i, Kind kind, standin::HeldProductCfg* earlier)
 
     plugin->UnInit();
     module.Destroy(plugin);
-    EXPECT_TRUE(host->WaitIdle());
-    EXPECT_EQ(host->ledger.Outstanding(), 0u);
-    EXPECT_EQ(host->ledger.DoubleReleases(), 0u);
-    EXPECT_EQ(host->queue.LiveTimers(), 0u);
-    EXPECT_EQ(host->queue.LiveSerialExecutions(), 0u);
-    EXPECT_EQ(host->queue.InvalidHandleCalls(), 0u);
-    EXPECT_EQ(host->components.Outstanding(), 0);
-    EXPECT_EQ(host->subscription.SinkCount() + host->sessionChange.SinkCount() +
-                  host->serviceStatus.ObserverCount() + host->productAgent.SinkCount() +
-                  host->productAgent.Async().SinkCount(),
-              0u);
+    ExpectNothingLeft(*host);
     EXPECT_EQ(host->journal.LinesStartingWith("ERROR"), std::vector<std::string>{});
     EXPECT_TRUE(launches.AwaitEnded(Count("INFO", kLaunch) - Count("ERROR", kLaunchFailed)));
     return true;
@@ -415,8 +375,7 @@ TEST_F(StopRaceTest, StopEndsTheWaitForAnEarlierProcessWhileARecordReArmsTheTime
     plugin->UnInit();
     module.Destroy(plugin);
     EXPECT_TRUE(launches.AwaitEnded(Count("INFO", kLaunch) - Count("ERROR", kLaunchFailed)));
-    EXPECT_EQ(host.ledger.Outstanding(), 0u);
-    EXPECT_EQ(host.queue.LiveTimers(), 0u);
+    ExpectNothingLeft(host);
 }
 
 // Stop while _DelayedLoad runs on the serial execution: the item is held at
@@ -435,11 +394,8 @@ TEST_F(StopRaceTest, StopMeetingARunningDelayedLoadLeavesNoSink)
     ASSERT_EQ(plugin->Start(), 0u);
     ASSERT_TRUE(host.journal.WaitFor("Run _DelayedLoad"));
     ASSERT_TRUE(StopReturns(plugin));
-    EXPECT_EQ(host.subscription.SinkCount(), 0u);
-    EXPECT_EQ(host.sessionChange.SinkCount(), 0u);
-    EXPECT_EQ(host.productAgent.SinkCount(), 0u);
-    EXPECT_EQ(host.productAgent.Async().SinkCount(), 0u);
+    EXPECT_EQ(SinksOf(host), Sinks(5, 0));
     plugin->UnInit();
     module.Destroy(plugin);
-    EXPECT_EQ(host.ledger.Outstanding(), 0u);
+    ExpectNothingLeft(host);
 }

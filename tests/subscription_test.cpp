@@ -18,16 +18,6 @@ constexpr wchar_t kBase[] = L"PcpTest";
 constexpr wchar_t kSurveyKey[] = L"Software\\PcpTest\\Install";
 constexpr wchar_t kProductKey[] = L"Software\\PcpTest\\Product";
 
-SubscriptionData Record(int32_t serverType, int32_t localType, uint32_t statusCode = 0, const char* account = "")
-{
-    SubscriptionData record;
-    record.ServerProductType = serverType;
-    record.ProductType = localType;
-    record.StatusCode = statusCode;
-    SetFixedText(record.AccountId, account);
-    return record;
-}
-
 size_t CountOf(const Strings& lines, const std::string& line)
 {
     return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
@@ -40,11 +30,9 @@ protected:
     {
         registry.Forget(HKEY_USERS, kSubscriptionKey);
         registry.Forget(HKEY_LOCAL_MACHINE, L"Software\\PcpTest");
-        host->config.Set(44, L"Desktop", kProductId);
-        host->config.Set(0, L"BASE", kBase);
         // Runs of ProductCfg.exe are not this test's business: the
         // configuration timer fires ten hours after it is armed.
-        host->config.Set(217, L"Desktop", kProductKey);
+        ConfigureProduct(*host, kProductId, kBase, kProductKey);
         registry.SetDword(HKEY_LOCAL_MACHINE, kProductKey, L"ProductCfgDelay", 36000);
         PluginTest::SetUp();
     }
@@ -98,7 +86,7 @@ TEST_F(SubscriptionTest, SurveyValueIsTheRecordsCompactJson)
     for (const Row& row : rows)
     {
         SCOPED_TRACE(row.what);
-        SubscriptionData record = Record(row.serverType, 3, 1);
+        SubscriptionData record = MakeRecord(row.serverType, 3, 1);
         record.KeyType = row.keyType;
         record.DaysLeft = row.daysLeft;
         record.Valid = row.valid;
@@ -108,8 +96,7 @@ TEST_F(SubscriptionTest, SurveyValueIsTheRecordsCompactJson)
         Deliver(record);
         EXPECT_EQ(Survey(), row.expected);
     }
-    plugin->Stop();
-    plugin->UnInit();
+    StopAndUnInit();
 }
 
 TEST_F(SubscriptionTest, UnknownProductTypeWithoutStatusEndsOnTheHostThread)
@@ -117,7 +104,7 @@ TEST_F(SubscriptionTest, UnknownProductTypeWithoutStatusEndsOnTheHostThread)
     StartLoaded();
     const size_t writesAtStart = SurveyWrites();
     log.Clear();
-    Deliver(Record(0, 3, 0));
+    Deliver(MakeRecord(0, 3, 0));
     EXPECT_EQ(SurveyWrites(), 1u);
     EXPECT_EQ(host->ledger.ReceivedCount("_OnSubscriptionChanged"), 0u);
     EXPECT_EQ(log.Messages("WARN"), Strings{"CProductConfigurationPlg::OnSubscriptionStatusChanged: Product type unknown"});
@@ -126,7 +113,7 @@ TEST_F(SubscriptionTest, UnknownProductTypeWithoutStatusEndsOnTheHostThread)
     // With a status code the record goes on: a second survey write follows
     // in the refresh, and the stored record becomes this one.
     log.Clear();
-    Deliver(Record(0, 3, 7));
+    Deliver(MakeRecord(0, 3, 7));
     EXPECT_EQ(SurveyWrites(), 2u);
     EXPECT_EQ(host->ledger.ReceivedCount("_OnSubscriptionChanged"), 1u);
     EXPECT_EQ(CountOf(log.Messages("INFO"),
@@ -134,24 +121,22 @@ TEST_F(SubscriptionTest, UnknownProductTypeWithoutStatusEndsOnTheHostThread)
               1u);
     EXPECT_EQ(registry.Dword(HKEY_USERS, kSubscriptionKey, L"ServerProductType"), 0u);
     EXPECT_GE(writesAtStart, 1u); // the first record of _DelayedLoad was refreshed too
-    plugin->Stop();
-    plugin->UnInit();
+    StopAndUnInit();
 }
 
 TEST_F(SubscriptionTest, GsShowedIsOnlyLookedFor)
 {
     StartLoaded();
     log.Clear();
-    Deliver(Record(4, 3, 0));
+    Deliver(MakeRecord(4, 3, 0));
     EXPECT_EQ(CountOf(log.Messages("INFO"), "CProductConfigurationPlg::OnSubscriptionStatusChanged: No gs showed in registry"),
               1u);
     registry.SetDword(HKEY_USERS, kSubscriptionKey, L"GsShowed", 0);
     log.Clear();
-    Deliver(Record(4, 3, 0));
+    Deliver(MakeRecord(4, 3, 0));
     EXPECT_EQ(CountOf(log.Messages("INFO"), "CProductConfigurationPlg::OnSubscriptionStatusChanged: No gs showed in registry"),
               0u);
-    plugin->Stop();
-    plugin->UnInit();
+    StopAndUnInit();
 }
 
 TEST_F(SubscriptionTest, StatusFollowsTheRecordsAndTheHostsBufferDoesNotMatter)
@@ -176,7 +161,7 @@ TEST_F(SubscriptionTest, StatusFollowsTheRecordsAndTheHostsBufferDoesNotMatter)
     {
         SCOPED_TRACE(row.cfgLine + " after " + std::to_string(row.serverType) + "/" + std::to_string(row.localType));
         log.Clear();
-        SubscriptionData record = Record(row.serverType, row.localType, 1);
+        SubscriptionData record = MakeRecord(row.serverType, row.localType, 1);
         SetFixedText(record.CommercialId, row.commercialId);
         // The item runs only after the host has overwritten its own buffer.
         serial->Pause();
@@ -192,16 +177,15 @@ TEST_F(SubscriptionTest, StatusFollowsTheRecordsAndTheHostsBufferDoesNotMatter)
         EXPECT_EQ(registry.Dword(HKEY_USERS, kSubscriptionKey, L"ServerProductType"),
                   static_cast<uint32_t>(row.serverType));
     }
-    plugin->Stop();
-    plugin->UnInit();
+    StopAndUnInit();
 }
 
 TEST_F(SubscriptionTest, AppsCheckFollowsTheLatestRecordWithAnAccount)
 {
     StartLoaded();
-    Deliver(Record(4, 3, 0, "account-1"));
+    Deliver(MakeRecord(4, 3, 0, "account-1"));
     host->queue.Advance(5000);
-    Deliver(Record(4, 3, 0, "account-1"));
+    Deliver(MakeRecord(4, 3, 0, "account-1"));
 
     auto appsChecks = [this] {
         auto timers = host->queue.Timers();
@@ -218,7 +202,7 @@ TEST_F(SubscriptionTest, AppsCheckFollowsTheLatestRecordWithAnAccount)
     EXPECT_EQ(CountOf(log.Messages("INFO"), "CProductConfigurationPlg::_ScheduleAppsCheck: Set timer: 0"), 2u);
 
     // A record without an account leaves the pending check alone.
-    Deliver(Record(4, 3, 0, ""));
+    Deliver(MakeRecord(4, 3, 0, ""));
     timers = appsChecks();
     ASSERT_EQ(timers.size(), 1u);
     EXPECT_EQ(timers[0].due, 125000u);
@@ -235,7 +219,7 @@ TEST_F(SubscriptionTest, AppsCheckFollowsTheLatestRecordWithAnAccount)
 
 TEST_F(SubscriptionTest, TheFirstRecordIsFetchedAndRefreshedWhateverItHolds)
 {
-    host->subscription.SetRecord(Record(0, 0, 0));
+    host->subscription.SetRecord(MakeRecord(0, 0, 0));
     StartLoaded();
     const size_t fetched = host->journal.Find("SubscriptionCommClient.GetSubscription");
     ASSERT_NE(fetched, sim::Journal::npos);
@@ -244,6 +228,5 @@ TEST_F(SubscriptionTest, TheFirstRecordIsFetchedAndRefreshedWhateverItHolds)
                       "CProductConfigurationPlg::_RefreshSubscription: ServerProductType = 0, ProductType = 0"),
               1u);
     EXPECT_EQ(registry.Dword(HKEY_USERS, kSubscriptionKey, L"ServerProductType"), 0u);
-    plugin->Stop();
-    plugin->UnInit();
+    StopAndUnInit();
 }
