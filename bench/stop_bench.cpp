@@ -29,6 +29,7 @@
 
 #include "host/interface_id.h"
 #include "host/plugin.h"
+#include "log_capture.h"
 #include "simhost/sim_host.h"
 #include "standin_control.h"
 
@@ -44,31 +45,13 @@ using QmCreateObjectFn = Status (*)(const wchar_t*, const InterfaceId&, void**);
 using QmDestroyObjectFn = void (*)(const wchar_t*, void*);
 
 // The log library's file, named before the plugin loads it.
-class LogFile
+class LogFile : public LogCapture
 {
 public:
-    LogFile()
-    {
-        wchar_t dir[MAX_PATH];
-        wchar_t file[MAX_PATH];
-        GetTempPathW(MAX_PATH, dir);
-        GetTempFileNameW(dir, L"psb", 0, file);
-        path = file;
-        SetEnvironmentVariableW(L"QM_LOG_FILE", path.c_str());
-    }
-    ~LogFile()
-    {
-        SetEnvironmentVariableW(L"QM_LOG_FILE", nullptr);
-        DeleteFileW(path.c_str());
-    }
-    LogFile(const LogFile&) = delete;
-    LogFile& operator=(const LogFile&) = delete;
-
-    void Clear() const { std::ofstream(path.c_str(), std::ios::trunc); }
+    // Whether any line holds text.
     bool Contains(const std::string& text) const
     {
-        std::ifstream in(path.c_str(), std::ios::binary);
-        for (std::string line; std::getline(in, line);)
+        for (const std::string& line : Messages(""))
             if (line.find(text) != std::string::npos)
                 return true;
         return false;
@@ -85,9 +68,6 @@ public:
         }
         return true;
     }
-
-private:
-    std::wstring path;
 };
 
 class Plugin
