@@ -26,10 +26,14 @@
 #include <mutex>
 #include <string>
 
+#include "standin_text.h"
 #include "support/unique_resource.h"
 
 namespace
 {
+using standin::ToUtf8;
+using standin::Variable;
+
 constexpr wchar_t kFileVariable[] = L"QM_LOG_FILE";
 constexpr wchar_t kEnabledVariable[] = L"QM_LOG_ENABLED";
 
@@ -38,29 +42,7 @@ DWORD depthSlot = TLS_OUT_OF_INDEXES;
 // Keeps lines of different threads whole.
 std::mutex writeMutex;
 
-std::wstring Variable(const wchar_t* name)
-{
-    const DWORD size = GetEnvironmentVariableW(name, nullptr, 0);
-    if (size == 0)
-        return {};
-    std::wstring value(size, L'\0');
-    const DWORD length = GetEnvironmentVariableW(name, &value[0], size);
-    value.resize(length < size ? length : 0);
-    return value;
-}
 
-std::string ToUtf8(const std::wstring& text)
-{
-    if (text.empty())
-        return {};
-    const int size = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0,
-                                         nullptr, nullptr);
-    std::string result(size > 0 ? size : 0, '\0');
-    if (size > 0)
-        WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &result[0], size, nullptr,
-                            nullptr);
-    return result;
-}
 
 // "HH:MM:SS.mmm <thread id> <LEVEL> " with the level name padded to five.
 std::string Prefix(const char* levelName)
