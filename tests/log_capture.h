@@ -10,16 +10,21 @@
 #include <string>
 #include <vector>
 
+// A new empty file in the temporary folder, named with prefix.
+inline std::wstring NewTempFile(const wchar_t* prefix)
+{
+    wchar_t dir[MAX_PATH];
+    wchar_t file[MAX_PATH];
+    GetTempPathW(MAX_PATH, dir);
+    GetTempFileNameW(dir, prefix, 0, file);
+    return file;
+}
+
 class LogCapture
 {
 public:
-    LogCapture()
+    LogCapture() : path(NewTempFile(L"plg"))
     {
-        wchar_t dir[MAX_PATH];
-        wchar_t file[MAX_PATH];
-        GetTempPathW(MAX_PATH, dir);
-        GetTempFileNameW(dir, L"plg", 0, file);
-        path = file;
         SetEnvironmentVariableW(L"QM_LOG_FILE", path.c_str());
     }
     ~LogCapture()

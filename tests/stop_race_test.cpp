@@ -138,13 +138,8 @@ bool StopReturns(IServPlugin* plugin)
 class Launches
 {
 public:
-    Launches()
+    Launches() : path(NewTempFile(L"pcl"))
     {
-        wchar_t dir[MAX_PATH];
-        wchar_t file[MAX_PATH];
-        GetTempPathW(MAX_PATH, dir);
-        GetTempFileNameW(dir, L"pcl", 0, file);
-        path = file;
         SetEnvironmentVariableW(L"PCP_PRODUCTCFG_RECORD", path.c_str());
         for (const wchar_t* name : {L"PCP_PRODUCTCFG_HOLD_MS", L"PCP_PRODUCTCFG_READY", L"PCP_PRODUCTCFG_RELEASE"})
             SetEnvironmentVariableW(name, nullptr);
