@@ -237,7 +237,10 @@ public:
 
     void Reserved1() override {}
     void Reserved2() override {}
-    CloudStatus PerformRequest(CloudRequest& request, CloudResponse& response, uint32_t flag) override;
+    CloudStatus PerformRequestImpl(CloudRequest& request, CloudResponse& response, uint32_t flag);
+    QM_IMPLEMENTS_RECORD_RESULT(CloudStatus, PerformRequest,
+                                (CloudRequest & request, CloudResponse & response, uint32_t flag),
+                                (request, response, flag))
 
 private:
     Journal& journal;

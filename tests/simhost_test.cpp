@@ -25,6 +25,7 @@ public:
     explicit FunctionItem(std::function<void()> body) : body(std::move(body)) {}
     void Release() override { ReleaseWorkItem(this); }
     void Run() override { body(); }
+    QM_IMPLEMENTS_DESTRUCTOR_SLOT(FunctionItem)
 
 private:
     std::function<void()> body;

@@ -2,6 +2,7 @@
 // hand out. Operations the plugin never calls keep their place as Reserved*.
 #pragma once
 
+#include "host/abi.h"
 #include "host/plugin.h"
 #include "host/types.h"
 
@@ -102,6 +103,8 @@ class IConnectIntegrator
 public:
     virtual void Reserved1() = 0;
     virtual void Reserved2() = 0;
-    // Blocks until the reply is there or the request has failed.
-    virtual CloudStatus PerformRequest(CloudRequest& request, CloudResponse& response, uint32_t flag) = 0;
+    // Blocks until the reply is there or the request has failed. Returns the
+    // status record by value, through the host's hidden result pointer.
+    QM_RECORD_RESULT(CloudStatus, PerformRequest,
+                     (CloudRequest & request, CloudResponse & response, uint32_t flag), (request, response, flag))
 };

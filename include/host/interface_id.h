@@ -1,7 +1,7 @@
 // Interface identifiers: 16 bytes as two unsigned 64-bit words.
 #pragma once
 
-#include <cstdint>
+#include <stdint.h>
 
 struct InterfaceId
 {

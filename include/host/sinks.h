@@ -3,6 +3,7 @@
 // empty body in the plugin.
 #pragma once
 
+#include "host/abi.h"
 #include "host/types.h"
 
 class IUserInfo;
@@ -22,8 +23,9 @@ public:
 
 class ISessionChangeEvents
 {
+    QM_DESTRUCTOR_SLOT(ISessionChangeEvents)
+
 public:
-    virtual ~ISessionChangeEvents() = default;
     virtual void OnSessionChange(uint32_t time, uint32_t event, void* info) = 0;
 };
 

@@ -1,7 +1,7 @@
 // Scalar types that cross the host contract.
 #pragma once
 
-#include <cstdint>
+#include <stdint.h>
 
 // Status of a host or plugin operation: 0 for success, otherwise a Windows
 // error number or the host's own status, passed on unchanged.

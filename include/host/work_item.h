@@ -9,19 +9,13 @@
 #include <type_traits>
 #include <utility>
 
-class EqWorkItem
-{
-public:
-    virtual ~EqWorkItem() {}
-    virtual void Release() = 0;
-    virtual void Run() = 0;
-};
+#include "host/eq_work_item.h"
 
 // The one definition of Release shared by every concrete item: deletes the
 // item through its virtual destructor; null does nothing.
 inline void ReleaseWorkItem(EqWorkItem* item)
 {
-    delete item;
+    DestroyThroughDestructorSlot(item);
 }
 
 // Owning pointer for an item that has not been handed over yet.
@@ -54,6 +48,8 @@ public:
     EqWorkItemMember0(T* object, Method method) : EqWorkItemMember<T>(object), method(method) {}
     void Run() override { (void)(this->object->*method)(); }
 
+    QM_IMPLEMENTS_DESTRUCTOR_SLOT(EqWorkItemMember0)
+
 private:
     Method method;
 };
@@ -75,7 +71,7 @@ public:
         : call(new Record{std::tuple<std::decay_t<Args>...>(std::forward<A>(args)...), function})
     {
     }
-    ~task() override { delete call; }
+    ~task() { delete call; }
 
     task(const task&) = delete;
     task& operator=(const task&) = delete;
@@ -85,6 +81,8 @@ public:
     {
         std::apply([this](auto& object, auto&... rest) { (object->*call->function)(rest...); }, call->arguments);
     }
+
+    QM_IMPLEMENTS_DESTRUCTOR_SLOT(task)
 
 private:
     struct Record

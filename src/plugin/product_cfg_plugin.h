@@ -37,7 +37,7 @@ class CProductConfigurationPlg : public IServPlugin,
 public:
     // Keeps the logging library loaded for the object's life.
     CProductConfigurationPlg();
-    ~CProductConfigurationPlg() override = default;
+    virtual ~CProductConfigurationPlg() = default;
 
     CProductConfigurationPlg(const CProductConfigurationPlg&) = delete;
     CProductConfigurationPlg& operator=(const CProductConfigurationPlg&) = delete;
@@ -56,6 +56,7 @@ public:
     // ISubscriptionEvents
     void OnSubscriptionStatusChanged(const SubscriptionData* data) override;
     // ISessionChangeEvents
+    QM_IMPLEMENTS_DESTRUCTOR_SLOT(CProductConfigurationPlg)
     void OnSessionChange(uint32_t time, uint32_t event, void* info) override;
     // IServiceStatusObserver: (0, 1) posts _DelayedLoad; others are ignored.
     void OnServiceStatusChanged(uint32_t service, uint32_t status) override;

@@ -1,105 +1,16 @@
-// The list that carries values in records shared with the host. The host and
-// this module both read its nodes directly, and the host may also call it
-// through its table of operations, so its layout and the order of its
-// virtual operations are a contract between the two modules:
-//
-//   list object (24 bytes):  table pointer, head (the sentinel), size
-//   node (24 bytes for a 32-bit value):  next, previous, value
-//
-// The list is a ring through the sentinel: head->next is the first element,
-// head->previous the last, and an empty list's sentinel points at itself.
-// The sentinel's value is never read. Not thread-safe: a list belongs to one
-// thread at a time.
+// This module's list: the host's list interface with its operations, and
+// deep copies for the records that carry it. See host/list.h for the layout
+// both modules share.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <new>
 
-#include "host/types.h"
+#include "host/list.h"
 
 namespace qm
 {
-constexpr Status kListNotFound = 1168;  // ERROR_NOT_FOUND: no first or last element
-constexpr Status kListNoMemory = 8;     // ERROR_NOT_ENOUGH_MEMORY
-
-template <class T>
-struct ListNode
-{
-    ListNode* next;
-    ListNode* previous;
-    T value;
-};
-
-// The list's fields, right behind its table pointer.
-template <class T>
-struct ListFields
-{
-    ListNode<T>* head; // never null in a constructed list
-    std::int64_t size;
-};
-
-template <class T>
-class IConstListEnum
-{
-public:
-    // True while the enumerator is not at the sentinel.
-    virtual bool HasMore() const = 0;
-    virtual void Next() = 0;
-    // The current value; at the sentinel, a value that means nothing.
-    virtual const T* Current() const = 0;
-    // Destroys an enumerator made by ConstEnum.
-    virtual void Release() = 0;
-    // Back to the first element.
-    virtual void Reset() = 0;
-    virtual ~IConstListEnum() = default;
-};
-
-template <class T>
-class IListEnum
-{
-public:
-    virtual bool HasMore() const = 0;
-    virtual void Next() = 0;
-    virtual T* Current() const = 0;
-    // Destroys an enumerator made by Enum.
-    virtual void Release() = 0;
-    virtual void Reset() = 0;
-    virtual ~IListEnum() = default;
-};
-
-// No virtual destructor: whoever owns a list frees its nodes and sentinel.
-// The const overloads of Last and First follow their plain ones in the table,
-// as GCC lays overloads out in the order of declaration.
-template <class T>
-class IList
-{
-public:
-    // Both give 0, or kListNoMemory when no node can be had.
-    virtual Status Append(const T& value) = 0;
-    virtual Status Prepend(const T& value) = 0;
-    // Null when the list is empty.
-    virtual T* Last() = 0;
-    virtual const T* Last() const = 0;
-    // 0, or kListNotFound with value untouched when the list is empty.
-    virtual Status GetLast(T& value) const = 0;
-    virtual T* First() = 0;
-    virtual const T* First() const = 0;
-    virtual Status GetFirst(T& value) const = 0;
-    // Removes the element at the enumerator, which then stands on the
-    // element behind it. Does nothing at the sentinel or for an enumerator
-    // of another list.
-    virtual void Erase(IListEnum<T>& position) = 0;
-    // New enumerators at the first element, or null when memory runs out.
-    virtual IConstListEnum<T>* ConstEnum() const = 0;
-    virtual IListEnum<T>* Enum() = 0;
-    virtual void Clear() = 0;
-    virtual std::int64_t Count() const = 0;
-
-protected:
-    ~IList() = default;
-};
-
 template <class T>
 class List;
 
@@ -108,13 +19,15 @@ class ListEnum final : public IListEnum<T>
 {
 public:
     explicit ListEnum(ListNode<T>* const* list) : list(list), current((*list)->next) {}
-    ~ListEnum() override = default;
+    ~ListEnum() = default;
 
     bool HasMore() const override { return current != *list; }
     void Next() override { current = current->next; }
     T* Current() const override { return &current->value; }
     void Release() override { delete this; }
     void Reset() override { current = (*list)->next; }
+
+    QM_IMPLEMENTS_DESTRUCTOR_SLOT(ListEnum)
 
 private:
     friend class List<T>;
@@ -128,13 +41,15 @@ class ConstListEnum final : public IConstListEnum<T>
 {
 public:
     explicit ConstListEnum(ListNode<T>* const* list) : list(list), current((*list)->next) {}
-    ~ConstListEnum() override = default;
+    ~ConstListEnum() = default;
 
     bool HasMore() const override { return current != *list; }
     void Next() override { current = current->next; }
     const T* Current() const override { return &current->value; }
     void Release() override { delete this; }
     void Reset() override { current = (*list)->next; }
+
+    QM_IMPLEMENTS_DESTRUCTOR_SLOT(ConstListEnum)
 
 private:
     ListNode<T>* const* list; // the head field of the list
@@ -259,13 +174,7 @@ private:
     ListFields<T> fields;
 };
 
-// The layouts the host relies on, for the 32-bit values that records carry.
-static_assert(sizeof(ListNode<std::uint32_t>) == 24, "a node is 24 bytes");
-static_assert(offsetof(ListNode<std::uint32_t>, next) == 0, "node layout");
-static_assert(offsetof(ListNode<std::uint32_t>, previous) == 8, "node layout");
-static_assert(offsetof(ListNode<std::uint32_t>, value) == 16, "node layout");
-static_assert(offsetof(ListFields<std::uint32_t>, head) == 0, "list layout");
-static_assert(offsetof(ListFields<std::uint32_t>, size) == 8, "list layout");
+// The list object is its table pointer and its fields, nothing else.
 // The table pointer and the fields, nothing else: the fields start at 8.
 static_assert(sizeof(List<std::uint32_t>) == sizeof(void*) + sizeof(ListFields<std::uint32_t>), "list layout");
 static_assert(sizeof(List<std::uint32_t>) == 24, "a list object is 24 bytes");
