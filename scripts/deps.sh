@@ -10,6 +10,7 @@ packages=(
   mingw-w64-x86-64-dev          # Windows headers and import libraries
   wine64                        # /usr/lib/wine/wine64, wineserver
   picojson-dev googletest
+  clang lld                     # the host built for Microsoft's C++ ABI; the second compiler
   coreutils util-linux          # timeout, realpath, mktemp; flock
 )
 
