@@ -53,6 +53,15 @@ void SubscriptionClient::Deliver(const SubscriptionData& delivered, bool wait)
     thread.Dispatch(call, wait);
 }
 
+void SubscriptionClient::DeliverNull(bool wait)
+{
+    auto call = [this] {
+        journal.Record("SubscriptionCommClient -> OnSubscriptionStatusChanged (null)");
+        sinks.ForEach([](ISubscriptionEvents* sink) { sink->OnSubscriptionStatusChanged(nullptr); });
+    };
+    thread.Dispatch(call, wait);
+}
+
 Status SessionChangeClient::Subscribe(ISessionChangeEvents* sink)
 {
     journal.Record("sessionchange.Subscribe");

@@ -88,6 +88,8 @@ public:
     // (as a host reusing its buffer would), so a sink that kept the pointer
     // finds rubbish.
     void Deliver(const SubscriptionData& record, bool wait = true);
+    // OnSubscriptionStatusChanged(nullptr) on this client's thread.
+    void DeliverNull(bool wait = true);
 
     // Waits until this client's thread has delivered everything queued.
     bool Drain(std::chrono::milliseconds timeout) { return thread.Drain(timeout); }

@@ -39,10 +39,11 @@ EventQueue::~EventQueue()
     }
 }
 
-void EventQueue::FailCreateSerialExecution(Status status)
+void EventQueue::FailCreateSerialExecution(Status status, bool handOut)
 {
     std::lock_guard<std::mutex> lock(mutex);
     serialFailure = status;
+    serialHandOut = handOut;
 }
 
 Status EventQueue::SetTimer(const wchar_t* name, TimerHandle* handle, uint32_t firstDelayMs, uint32_t periodMs,
@@ -169,13 +170,18 @@ void EventQueue::ReleaseTimerItem(Timer& timer)
 Status EventQueue::CreateSerialExecution(ISerialExecution** out)
 {
     Status status = 0;
+    bool handOut = true;
     {
         std::lock_guard<std::mutex> lock(mutex);
         status = serialFailure;
+        handOut = status == 0 || serialHandOut;
     }
     if (out == nullptr)
+    {
         status = ERROR_INVALID_PARAMETER;
-    if (status == 0)
+        handOut = false;
+    }
+    if (handOut)
     {
         auto serial = std::make_unique<SerialExecution>(*this, journal, ledger);
         *out = serial.get();

@@ -96,8 +96,9 @@ public:
     // never released (both counted in LiveTimers / LiveSerialExecutions first).
     ~EventQueue();
 
-    // Makes CreateSerialExecution give status (and no object) while not 0.
-    void FailCreateSerialExecution(Status status);
+    // Makes CreateSerialExecution give status while not 0, with no object or,
+    // with handOut, with a new object all the same.
+    void FailCreateSerialExecution(Status status, bool handOut = false);
 
     void Reserved1() override {}
     Status SetTimer(const wchar_t* name, TimerHandle* handle, uint32_t firstDelayMs, uint32_t periodMs,
@@ -164,6 +165,7 @@ private:
     std::map<TimerHandle, std::shared_ptr<Timer>> timers;
     size_t invalidHandleCalls = 0;
     Status serialFailure = 0;
+    bool serialHandOut = false;
     std::vector<std::unique_ptr<SerialExecution>> serials;
     std::set<SerialExecution*> released;
     HostThread timerThread;

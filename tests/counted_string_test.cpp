@@ -55,10 +55,11 @@ void WritePointer(CountedString& s, char* text)
     std::memcpy(static_cast<void*>(&s), &text, sizeof text);
 }
 
-void AdoptHostString(CountedString& s, HostMgr& m, const char* text, std::size_t capacity)
+// ownsBlock 0: the block is foreign to the descriptor's manager.
+void AdoptHostString(CountedString& s, HostMgr& m, const char* text, std::size_t capacity, std::uint8_t ownsBlock = 1)
 {
     auto* descriptor = new (FencedAlloc(sizeof(CountedStringDescriptor)))
-        CountedStringDescriptor{reinterpret_cast<qm::IMemMgr*>(&m), std::strlen(text), capacity, 64, 1, 1};
+        CountedStringDescriptor{reinterpret_cast<qm::IMemMgr*>(&m), std::strlen(text), capacity, 64, ownsBlock, 1};
     char* block = FencedAlloc(capacity + 21);
     const std::uint32_t guard = 0xABCD;
     std::memcpy(block, &guard, 4);
@@ -124,6 +125,58 @@ TEST(CountedStringTest, DestructionFreesThroughTheDescriptorsManagerOnce)
     EXPECT_EQ(nullptr, pointer);
     s->~CountedString(); // finds the null pointer: nothing to free
     EXPECT_EQ((std::array<int, 4>{0, 0, 2, 1}), m.calls);
+}
+
+// Set of nothing gives storage of the growth value; Set of the string's own
+// text (or of the empty text it reads as) changes nothing.
+TEST(CountedStringTest, SetOfNothingReservesAndSetOfItsOwnTextChangesNothing)
+{
+    CountedString empty;
+    empty.Set(empty.Text()); // the static empty text: still no storage
+    char* pointer;
+    std::memcpy(&pointer, static_cast<void*>(&empty), sizeof pointer);
+    EXPECT_EQ(nullptr, pointer);
+    empty.Set(nullptr);
+    EXPECT_EQ(64u, Descriptor(empty).capacity);
+    EXPECT_EQ(0u, Descriptor(empty).length);
+    EXPECT_EQ(64u + 21, _msize(const_cast<char*>(empty.Text() - 16)));
+
+    CountedString own;
+    ASSERT_TRUE(own.Assign("abc\0def", 7)); // a length past the first terminator
+    const char* text = own.Text();
+    own.Set(own.Text());
+    EXPECT_EQ(text, own.Text());
+    EXPECT_EQ(7u, Descriptor(own).length);
+    own.Set(nullptr);
+    EXPECT_EQ(text, own.Text());
+    EXPECT_EQ(0u, Descriptor(own).length);
+    EXPECT_EQ(64u, Descriptor(own).capacity);
+}
+
+// Reserve is exact, also downwards; a foreign block is copied into one of
+// the manager's and left as it was.
+TEST(CountedStringTest, ReserveShrinksExactlyAndCopiesAForeignBlock)
+{
+    CountedString s;
+    ASSERT_TRUE(s.Assign(std::string(100, 'q').c_str()));
+    ASSERT_TRUE(s.Reserve(10));
+    EXPECT_EQ(10u, Descriptor(s).capacity);
+    EXPECT_EQ(10u, Descriptor(s).length);
+    EXPECT_EQ(std::string(10, 'q'), s.Text());
+    EXPECT_EQ(10u + 21, _msize(const_cast<char*>(s.Text() - 16)));
+
+    HostMgr m{kHostTable};
+    CountedString host;
+    AdoptHostString(host, m, "foreign", 8, 0);
+    const char* foreign = host.Text();
+    const std::string before(foreign - 16, 8 + 21);
+    ASSERT_TRUE(host.Reserve(16));
+    EXPECT_NE(foreign, host.Text());
+    EXPECT_STREQ("foreign", host.Text());
+    EXPECT_EQ(16u, Descriptor(host).capacity);
+    EXPECT_EQ(1u, Descriptor(host).ownsBlock);
+    EXPECT_EQ(before, std::string(foreign - 16, 8 + 21)) << "the foreign block is untouched";
+    EXPECT_EQ((std::array<int, 4>{0, 1, 0, 0}), m.calls) << "one new block, the old one not freed";
 }
 
 TEST(CountedStringTest, FailedAllocationLeavesTheStringUnchanged)

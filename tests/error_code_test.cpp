@@ -36,8 +36,8 @@ TEST(WinErrorCategory, OneNamedObjectWhoseCodesDifferFromTheSystemCategorys)
 {
     const std::error_category& category = winapi::win_category();
     EXPECT_EQ(&category, &winapi::win_category());
-    EXPECT_STREQ(category.name(), "win_error");
-    EXPECT_EQ(category.name(), category.name());
+    for (const int call : {1, 2})
+        EXPECT_STREQ(category.name(), "win_error") << "call " << call;
     EXPECT_NE(dynamic_cast<const winapi::details::win_error_category*>(&category), nullptr);
 
     const std::error_code failure = winapi::make_win_error(5);

@@ -105,8 +105,8 @@ protected:
     }
 
     // The log's lines without time and thread id; the milliseconds of exit
-    // lines read [N].
-    Lines LogLines() const
+    // lines read [N] unless kept.
+    Lines LogLines(bool keepMilliseconds = false) const
     {
         Lines lines;
         std::ifstream file(logFile);
@@ -114,7 +114,7 @@ protected:
         {
             line.erase(std::remove(line.begin(), line.end(), '\r'), line.end());
             line.erase(0, line.find(' ', line.find(' ') + 1) + 1);
-            if (line.find(": <- ") != std::string::npos)
+            if (!keepMilliseconds && line.find(": <- ") != std::string::npos)
                 line.replace(line.rfind(" ["), std::string::npos, " [N]");
             lines.push_back(line);
         }
@@ -197,29 +197,78 @@ TEST_F(LogClientTest, LastReleaseUnloadsAndAReferenceGivesUpAllItsAcquisitions)
     EXPECT_EQ(std::count(lines.begin(), lines.end(), "CALL  LogInit()"), 2);
 }
 
-TEST_F(LogClientTest, AnAlreadyLoadedLibraryWithoutLogWriteIsUsedAndStaysSilent)
+// A log.dll the host has loaded already is used whatever it lacks: without
+// LogWrite nothing is written; without LogIsEnabled messages stay off and
+// nothing is formatted, while the trace lines still reach LogWrite.
+TEST_F(LogClientTest, AnAlreadyLoadedLibraryIsUsedWhateverItLacks)
 {
-    const fs::path copy = folder / "log.dll";
-    fs::copy_file(ProgramFolder() / "log_without_write.dll", copy);
-    const UniqueModule hostsCopy(LoadLibraryW(copy.c_str()));
-    ASSERT_TRUE(hostsCopy);
-    int formatted = 0;
+    const struct
     {
-        CLogDLLRef ref;
-        ref.Acquire();
-        ASSERT_NE(ref.get(), nullptr);
-        EXPECT_EQ(ref.get()->module.get(), hostsCopy.get());
-        EXPECT_EQ(ref.get()->LogIsEnabled, nullptr);
-        const uint32_t level = logging::LevelInfo;
-        EXPECT_EQ(ref.get()->Write(logging::kDepthSame, &level, L"F", L"%s", L"lost"), E_NOINTERFACE);
-        TraceScope trace(L"Lost");
-        logger_stream stream(logging::LevelError, L"Lost");
-        stream << Counted{&formatted};
-        EXPECT_FALSE(stream.IsEnabled());
+        const char* library;
+        HRESULT write;
+        Lines written; // between LogInit and the unloading
+    } rows[] = {{"log_without_write.dll", E_NOINTERFACE, {}},
+                {"log_without_is_enabled.dll", S_OK,
+                 {"INFO  F: direct", "TRACE Lost: -> Lost()", "TRACE Lost: <- Lost() [N]"}}};
+    for (const auto& row : rows)
+    {
+        SCOPED_TRACE(row.library);
+        const fs::path copy = folder / fs::path(row.library).stem() / "log.dll";
+        fs::create_directories(copy.parent_path());
+        fs::copy_file(ProgramFolder() / row.library, copy);
+        UniqueModule hostsCopy(LoadLibraryW(copy.c_str()));
+        ASSERT_TRUE(hostsCopy);
+        int formatted = 0;
+        {
+            CLogDLLRef ref;
+            ref.Acquire();
+            ASSERT_NE(ref.get(), nullptr);
+            EXPECT_EQ(ref.get()->module.get(), hostsCopy.get());
+            EXPECT_EQ(ref.get()->LogIsEnabled, nullptr);
+            const uint32_t level = logging::LevelInfo;
+            EXPECT_EQ(ref.get()->Write(logging::kDepthSame, &level, L"F", L"%s", L"direct"), row.write);
+            TraceScope trace(L"Lost");
+            logger_stream stream(logging::LevelError, L"Lost");
+            stream << Counted{&formatted};
+            EXPECT_FALSE(stream.IsEnabled());
+        }
+        EXPECT_EQ(formatted, 0);
+        EXPECT_EQ(GetModuleHandleW(L"log.dll"), hostsCopy.get());
+        hostsCopy.reset(); // the host lets it go
+        Lines expected{"CALL  LogInit()"};
+        expected.insert(expected.end(), row.written.begin(), row.written.end());
+        expected.insert(expected.end(), std::begin(kUnloadLines), std::end(kUnloadLines));
+        expected.push_back("CALL  DLL_PROCESS_DETACH");
+        EXPECT_EQ(LogLines(), expected);
+        fs::remove(logFile);
     }
-    EXPECT_EQ(formatted, 0);
-    EXPECT_EQ(GetModuleHandleW(L"log.dll"), hostsCopy.get());
-    EXPECT_EQ(LogLines(), (Lines{"CALL  LogInit()", kUnloadLines[0], kUnloadLines[1], kUnloadLines[2]}));
+}
+
+// The exit line comes from the scope's end, with the milliseconds from the
+// entry to that moment.
+TEST_F(LogClientTest, TheExitLineIsWrittenWhenTheScopeEndsWithTheMillisecondsSpent)
+{
+    constexpr DWORD kSpent = 40;
+    CLogDLLRef ref;
+    ref.Acquire();
+    DWORD start = 0;
+    {
+        TraceScope trace(L"Timed");
+        start = trace.StartTime();
+        while (timeGetTime() - start < kSpent)
+            Sleep(1);
+        EXPECT_EQ(LogLines(), (Lines{"CALL  LogInit()", "TRACE Timed: -> Timed()"}));
+    }
+    const DWORD bound = timeGetTime() - start;
+    ref.Release();
+    const Lines lines = LogLines(true);
+    ASSERT_GE(lines.size(), 3u);
+    const std::string prefix = "TRACE Timed: <- Timed() [";
+    ASSERT_EQ(lines[2].rfind(prefix, 0), 0u) << lines[2];
+    const unsigned long spent = std::stoul(lines[2].substr(prefix.size()));
+    EXPECT_GE(spent, kSpent);
+    EXPECT_LE(spent, bound);
+    EXPECT_EQ(lines[2], prefix + std::to_string(spent) + "]");
 }
 
 TEST_F(LogClientTest, MessagesStayOffWhenTheLibrarySaysSoWhileTraceLinesGoOn)

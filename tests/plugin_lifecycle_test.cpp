@@ -57,6 +57,14 @@ std::vector<InitCase> InitCases()
              return &h;
          },
          0x80004005u, 0, false, false},
+        // An object that comes with a failure is kept all the same, and
+        // released by the destructor.
+        {"serial execution refused with an object", "Error creating serial Execution, err: 5",
+         [](sim::Host& h) -> IServMain* {
+             h.queue.FailCreateSerialExecution(5, true);
+             return &h;
+         },
+         5, 0, false, true},
     };
     const Status statuses[] = {5, 1168, 1460, 2, 87};
     const char* messages[] = {"Get subscription failed: ", "Get session change failed: ", "Get serv config failed: ",
@@ -182,9 +190,14 @@ TEST_F(PluginTest, NothingButTheObserverUntilTheHostServiceHasLoaded)
 TEST_F(PluginTest, DelayedLoadGoesOnWithoutTheAsynchronousAgent)
 {
     host->productAgent.SetAsyncAvailable(false);
+    host->subscription.SetRecord(MakeRecord(4, 3));
     StartLoaded();
     EXPECT_EQ(SinksOf(*host), (Sinks{1, 1, 1, 0, 1}));
     EXPECT_EQ(host->journal.Count("productagent.GetUserInfoExAsync"), 0u);
+    // The record is still fetched and processed.
+    EXPECT_EQ(host->journal.Count("SubscriptionCommClient.GetSubscription"), 1u);
+    EXPECT_TRUE(log.Contains("INFO", "CProductConfigurationPlg::_RefreshSubscription: ServerProductType = 4, ProductType = 3"));
+    EXPECT_TRUE(log.Contains("INFO", "CProductConfigurationPlg::_SetConfigurationStatus: CfgStatus: 1"));
     plugin->Stop();
     EXPECT_EQ(host->journal.Count("productagent.ClearResponseSink"), 0u);
     plugin->UnInit();

@@ -127,7 +127,9 @@ TEST(ProductPaths, ModuleDirectoryKeepsItsBackslash)
     const HMODULE kernel = GetModuleHandleW(L"kernel32.dll");
     const std::wstring system = GetModuleDirectory(kernel, ec);
     EXPECT_FALSE(ec);
-    EXPECT_EQ(UniqueModule(LoadLibraryW((system + L"\\kernel32.dll").c_str())).get(), kernel) << system;
+    const std::wstring doubled = system + L"\\kernel32.dll";
+    EXPECT_NE(doubled.find(L"\\\\kernel32.dll"), std::wstring::npos) << system;
+    EXPECT_EQ(UniqueModule(LoadLibraryW(doubled.c_str())).get(), kernel) << system;
 
     int local = 0; // an address that is no module
     EXPECT_EQ(GetModuleDirectory(reinterpret_cast<HMODULE>(&local), ec), L"");

@@ -2,16 +2,30 @@
 // each case removes again.
 #include <gtest/gtest.h>
 
-#include <atomic>
+#include <functional>
 #include <string>
-#include <thread>
+#include <utility>
 
 #include "support/error_code.h"
 #include "support/registry_values.h"
 
+extern "C" decltype(&RegGetValueW) __real___imp_RegGetValueW;
+
 namespace
 {
 const wchar_t kKey[] = L"Software\\PcpRegistryValuesTest";
+
+// Run once, right after the next size query (a read without a buffer).
+std::function<void()> betweenReads;
+
+LSTATUS WINAPI RegGetValueThenChange(HKEY root, LPCWSTR key, LPCWSTR name, DWORD flags, LPDWORD type, PVOID data,
+                                     LPDWORD size)
+{
+    const LSTATUS status = __real___imp_RegGetValueW(root, key, name, flags, type, data, size);
+    if (data == nullptr && betweenReads)
+        std::exchange(betweenReads, nullptr)();
+    return status;
+}
 
 std::error_code Status(uint32_t status)
 {
@@ -66,37 +80,34 @@ TEST_F(RegistryValues, EachReaderTakesItsOwnTypeOnly)
     }
 }
 
-// A writer swaps a short and a long text under the reader; about half the
-// reads meet a change. One that grew between the size query and the read
-// fails with ERROR_MORE_DATA, one that shrank is read whole and no longer.
+// The text changes size between the reader's size query and its read: the
+// test's own RegGetValueW (linked in with --wrap) stores the other text
+// right after a size query. One that grew fails with ERROR_MORE_DATA, one
+// that shrank is read whole and no longer.
 TEST_F(RegistryValues, StringThatChangesSizeBetweenTheTwoReads)
 {
-    const std::wstring texts[] = {L"s", std::wstring(4000, L'b')};
-    auto store = [&](size_t i) { // no assertions here: GoogleTest is built without threads
-        return RegSetKeyValueW(HKEY_LOCAL_MACHINE, kKey, L"moving", REG_SZ, texts[i].c_str(),
-                               static_cast<DWORD>(texts[i].size() + 1) * sizeof(wchar_t));
-    };
-    ASSERT_EQ(0, store(0));
-    std::atomic<bool> stop{false};
-    std::thread writer([&] {
-        for (size_t i = 1; !stop; ++i)
-            store(i % 2);
-    });
-    int grew = 0, read = 0, wrong = 0;
-    for (int i = 0; i < 1000; ++i)
+    const std::wstring shortText = L"s", longText(4000, L'b');
+    const struct
     {
-        const std::wstring text = get_string_value(HKEY_LOCAL_MACHINE, kKey, L"moving", ec);
-        if (!ec && (text == texts[0] || text == texts[1]))
-            ++read;
-        else if (ec == winapi::make_win_error(ERROR_MORE_DATA) && text.empty())
-            ++grew;
-        else
-            ++wrong;
+        const std::wstring &before, &after;
+        uint32_t status;
+        const std::wstring& read;
+    } rows[] = {{shortText, longText, ERROR_MORE_DATA, L""}, {longText, shortText, 0, shortText}};
+    for (const auto& row : rows)
+    {
+        auto store = [&](const std::wstring& text) {
+            return RegSetKeyValueW(HKEY_LOCAL_MACHINE, kKey, L"moving", REG_SZ, text.c_str(),
+                                   static_cast<DWORD>(text.size() + 1) * sizeof(wchar_t));
+        };
+        ASSERT_EQ(0, store(row.before));
+        betweenReads = [&] { store(row.after); };
+        EXPECT_EQ(get_string_value(HKEY_LOCAL_MACHINE, kKey, L"moving", ec), row.read) << row.before.size();
+        EXPECT_EQ(ec, Status(row.status)) << row.before.size();
+        EXPECT_FALSE(betweenReads) << "one size query";
     }
-    stop = true;
-    writer.join();
-    EXPECT_EQ(wrong, 0);
-    EXPECT_GT(grew, 0);
-    EXPECT_GT(read, 0);
 }
 } // namespace
+
+extern "C" {
+decltype(&RegGetValueW) __wrap___imp_RegGetValueW = &RegGetValueThenChange;
+}

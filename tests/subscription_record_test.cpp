@@ -28,15 +28,14 @@ SubscriptionData WithFeatures(int count, int32_t first)
     return record;
 }
 
-// Stands in for the plugin: keeps the latest record it was called with.
+// Stands in for the plugin: keeps the latest record and flag it was called with.
 struct Receiver
 {
     SubscriptionData stored;
-    int calls = 0;
-    void OnRecord(SubscriptionData data, bool firstLoad)
+    bool firstLoad = false;
+    void OnRecord(SubscriptionData data, bool first)
     {
-        ++calls;
-        EXPECT_FALSE(firstLoad);
+        firstLoad = first;
         stored = data;
     }
 };
@@ -50,17 +49,20 @@ TEST(SubscriptionRecord, FeaturesSurviveTheHandOverAndTheStoreInOrder)
     for (int count : {0, 1, 3, 64})
     {
         SCOPED_TRACE(count);
+        const bool firstLoad = count % 2 == 1; // the item hands on the flag it carries
         Receiver receiver;
+        receiver.firstLoad = !firstLoad;
         receiver.stored = WithFeatures(5, 100); // assignment must reuse, add and free nodes
         std::vector<int32_t> expected;
         for (int i = 0; i < count; ++i)
             expected.push_back(7 + i);
 
         auto hostRecord = std::make_unique<SubscriptionData>(WithFeatures(count, 7));
-        auto item = MakeWorkItem<RecordTask>(&Receiver::OnRecord, &receiver, *hostRecord, false);
+        auto item = MakeWorkItem<RecordTask>(&Receiver::OnRecord, &receiver, *hostRecord, firstLoad);
         hostRecord.reset(); // the host's record goes away after the call
 
         item->Run();
+        EXPECT_EQ(receiver.firstLoad, firstLoad);
         EXPECT_EQ(FeaturesOf(receiver.stored), expected);
         EXPECT_EQ(FixedText(receiver.stored.BundleId), "bundle");
 
@@ -82,7 +84,11 @@ TEST(SubscriptionRecord, FixedTextsAreReadWithinTheirArrays)
     EXPECT_EQ(FixedText(record.AccountId), std::string(kSubscriptionTextChars, 'a'));
     SetFixedText(record.CommercialId, std::string(500, 'c'));
     EXPECT_EQ(FixedText(record.CommercialId), std::string(kSubscriptionTextChars - 1, 'c'));
-    SubscriptionData self = record;
-    self = *&self;
+    SubscriptionData self = WithFeatures(3, 40);
+    SetFixedText(self.CommercialId, std::string(500, 'c'));
+    const SubscriptionFeatures* firstNode = self.Features.First();
+    self = *&self; // leaves the list alone: its nodes are neither freed nor doubled
+    EXPECT_EQ(self.Features.First(), firstNode);
     EXPECT_EQ(FixedText(self.CommercialId).size(), kSubscriptionTextChars - 1);
+    EXPECT_EQ(FeaturesOf(self), (std::vector<int32_t>{40, 41, 42}));
 }

@@ -7,6 +7,7 @@
 
 #include "plugin_fixture.h"
 #include "registry_scratch.h"
+#include "support/unique_resource.h"
 
 namespace
 {
@@ -17,6 +18,11 @@ constexpr wchar_t kSubscriptionKey[] = L".DEFAULT\\SOFTWARE\\Sub_ID_PCPTEST";
 constexpr wchar_t kBase[] = L"PcpTest";
 constexpr wchar_t kSurveyKey[] = L"Software\\PcpTest\\Install";
 constexpr wchar_t kProductKey[] = L"Software\\PcpTest\\Product";
+constexpr wchar_t kInstallDoneEventName[] = L"Global\\Install_Done-9E9487AA-4E57-4A22-B92A-F353BB7727A6";
+const std::string kEvent = "CProductConfigurationPlg::OnSubscriptionStatusChanged: ";
+const std::string kNoGsShowed = kEvent + "No gs showed in registry";
+const std::string kSurveyEntry =
+    "CProductConfigurationPlg::_WriteSurveyInfo: -> CProductConfigurationPlg::_WriteSurveyInfo()";
 
 size_t CountOf(const Strings& lines, const std::string& line)
 {
@@ -45,11 +51,7 @@ protected:
 
     std::wstring Survey() const { return registry.String(HKEY_LOCAL_MACHINE, kSurveyKey, L"SurveyDataInfo"); }
 
-    size_t SurveyWrites() const
-    {
-        return CountOf(log.Messages("TRACE"),
-                       "CProductConfigurationPlg::_WriteSurveyInfo: -> CProductConfigurationPlg::_WriteSurveyInfo()");
-    }
+    size_t SurveyWrites() const { return CountOf(log.Messages("TRACE"), kSurveyEntry); }
 
     RegistryScratch registry;
 };
@@ -104,14 +106,24 @@ TEST_F(SubscriptionTest, UnknownProductTypeWithoutStatusEndsOnTheHostThread)
     StartLoaded();
     const size_t writesAtStart = SurveyWrites();
     log.Clear();
+    host->subscription.DeliverNull();
+    ASSERT_TRUE(host->WaitIdle());
+    EXPECT_EQ(log.Messages("TRACE").size(), 2u) << "the event's own scope and nothing else";
+    EXPECT_EQ(log.Messages("INFO").size() + log.Messages("WARN").size() + log.Messages("ERROR").size(), 0u);
+
+    log.Clear();
     Deliver(MakeRecord(0, 3, 0));
     EXPECT_EQ(SurveyWrites(), 1u);
     EXPECT_EQ(host->ledger.ReceivedCount("_OnSubscriptionChanged"), 0u);
-    EXPECT_EQ(log.Messages("WARN"), Strings{"CProductConfigurationPlg::OnSubscriptionStatusChanged: Product type unknown"});
-    EXPECT_TRUE(log.Messages("INFO").size() <= 1u); // at most "No gs showed in registry"
+    EXPECT_EQ(log.Messages("WARN"), Strings{kEvent + "Product type unknown"});
+    EXPECT_EQ(log.Messages("INFO"), Strings{kNoGsShowed});
+    const Strings eventThread = log.Threads(kEvent + "-> ");
+    ASSERT_EQ(eventThread.size(), 1u);
+    EXPECT_EQ(log.Threads(kSurveyEntry), eventThread);
 
     // With a status code the record goes on: a second survey write follows
-    // in the refresh, and the stored record becomes this one.
+    // in the refresh on the serial execution, and the stored record becomes
+    // this one.
     log.Clear();
     Deliver(MakeRecord(0, 3, 7));
     EXPECT_EQ(SurveyWrites(), 2u);
@@ -119,8 +131,73 @@ TEST_F(SubscriptionTest, UnknownProductTypeWithoutStatusEndsOnTheHostThread)
     EXPECT_EQ(CountOf(log.Messages("INFO"),
                       "CProductConfigurationPlg::_RefreshSubscription: ServerProductType = 0, ProductType = 3"),
               1u);
+    const Strings serialThread = log.Threads("CProductConfigurationPlg::_OnSubscriptionChanged: -> ");
+    ASSERT_EQ(serialThread.size(), 1u);
+    EXPECT_NE(serialThread, log.Threads(kEvent + "-> "));
+    EXPECT_EQ(log.Threads(kSurveyEntry), (Strings{log.Threads(kEvent + "-> ").at(0), serialThread[0]}));
     EXPECT_EQ(registry.Dword(HKEY_USERS, kSubscriptionKey, L"ServerProductType"), 0u);
     EXPECT_GE(writesAtStart, 1u); // the first record of _DelayedLoad was refreshed too
+    StopAndUnInit();
+}
+
+// A setting the plugin cannot use: the GsShowed read is skipped without a
+// subscription key path, and the registry's refusal of a key name longer
+// than 255 characters is logged with its code.
+TEST_F(SubscriptionTest, SettingsThatCannotBeUsedAreLoggedOrSkipped)
+{
+    const std::wstring tooLong(300, L'x');
+    struct Row
+    {
+        const char* what;
+        uint32_t number;
+        const wchar_t* section;
+        const wchar_t* value; // null: removed
+        Strings errors;       // from Init to the end of one event
+        size_t gsLines;       // "No gs showed in registry" of the event
+    };
+    const std::string serverType = "CProductConfigurationPlg::_WriteServerProductType: ";
+    const std::string survey = "CProductConfigurationPlg::_WriteSurveyInfo: ";
+    const Row rows[] = {
+        {"all usable", 44, L"Desktop", kProductId, {}, 1},
+        {"no product id", 44, L"Desktop", nullptr, {}, 0},
+        {"product id too long", 44, L"Desktop", tooLong.c_str(),
+         Strings(2, serverType + "Failed to write server product type: 87"), 0},
+        {"base name too long", 0, L"BASE", tooLong.c_str(), Strings(2, survey + "set value failed, err: 87"), 1},
+        {"no product key", 217, L"Desktop", nullptr, {"CProductConfigurationPlg::_GetDelay: String not found"}, 1},
+    };
+    for (const Row& row : rows)
+    {
+        SCOPED_TRACE(row.what);
+        DestroyPlugin();
+        host = std::make_unique<sim::Host>();
+        host->config.SetMissing(sim::ServConfig::Missing::NotFoundText);
+        ConfigureProduct(*host, kProductId, kBase, kProductKey);
+        if (row.value != nullptr)
+            host->config.Set(row.number, row.section, row.value);
+        else
+            host->config.Remove(row.number, row.section);
+        plugin = module.Create();
+        ASSERT_NE(plugin, nullptr);
+        log.Clear();
+        StartLoaded();
+        Deliver(MakeRecord(4, 3, 0));
+        EXPECT_EQ(log.Messages("ERROR"), row.errors);
+        EXPECT_EQ(log.Count("INFO", kNoGsShowed), row.gsLines);
+        StopAndUnInit();
+    }
+}
+
+// An event's record is decided on with firstLoad false: an installer that
+// comes after the load makes nobody wait.
+TEST_F(SubscriptionTest, AnEventDecidesAtOnceWhateverInstallerAppearedSinceTheLoad)
+{
+    StartLoaded();
+    const UniqueHandle installer(CreateEventW(nullptr, TRUE, FALSE, kInstallDoneEventName));
+    ASSERT_TRUE(installer);
+    log.Clear();
+    Deliver(MakeRecord(4, 3, 0));
+    EXPECT_EQ(log.Count("TRACE", "CProductConfigurationPlg::_DoConfig: -> "), 1u);
+    EXPECT_EQ(log.Count("INFO", "CProductConfigurationPlg::_WaitForEventsAndConfig: "), 0u);
     StopAndUnInit();
 }
 
@@ -129,13 +206,11 @@ TEST_F(SubscriptionTest, GsShowedIsOnlyLookedFor)
     StartLoaded();
     log.Clear();
     Deliver(MakeRecord(4, 3, 0));
-    EXPECT_EQ(CountOf(log.Messages("INFO"), "CProductConfigurationPlg::OnSubscriptionStatusChanged: No gs showed in registry"),
-              1u);
+    EXPECT_EQ(CountOf(log.Messages("INFO"), kNoGsShowed), 1u);
     registry.SetDword(HKEY_USERS, kSubscriptionKey, L"GsShowed", 0);
     log.Clear();
     Deliver(MakeRecord(4, 3, 0));
-    EXPECT_EQ(CountOf(log.Messages("INFO"), "CProductConfigurationPlg::OnSubscriptionStatusChanged: No gs showed in registry"),
-              0u);
+    EXPECT_EQ(CountOf(log.Messages("INFO"), kNoGsShowed), 0u);
     StopAndUnInit();
 }
 
@@ -213,6 +288,18 @@ TEST_F(SubscriptionTest, AppsCheckFollowsTheLatestRecordWithAnAccount)
     EXPECT_EQ(host->journal.Count("Run _ProductCfgTimer"), 0u);
     plugin->Stop();
     EXPECT_EQ(host->queue.LiveTimers(), 0u);
+
+    // Replaced by the second record, then ended by Stop, each time the same
+    // way: cancelled, waited for, deleted, its item released once.
+    const Strings ending = {"CancelTimer apps_check", "WaitTimer apps_check", "DeleteTimer apps_check",
+                            "Release apps_check"};
+    Strings calls;
+    for (const std::string& line : host->journal.Lines())
+        if (std::find(ending.begin(), ending.end(), line) != ending.end())
+            calls.push_back(line);
+    Strings twice = ending;
+    twice.insert(twice.end(), ending.begin(), ending.end());
+    EXPECT_EQ(calls, twice);
     plugin->UnInit();
     EXPECT_EQ(host->ledger.Outstanding(), 0u);
 }

@@ -42,7 +42,8 @@ bool IsOSUserLoggedIn::operator()() const
     DWORD bytes = 0;
     if (!WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, session, WTSUserName, &raw, &bytes))
     {
-        logger_stream(logging::LevelInfo, kName) << "WTSQuerySessionInformation WTSUserName failed err=" << GetLastError();
+        const DWORD queryError = GetLastError(); // before the stream, which calls into the logging library
+        logger_stream(logging::LevelInfo, kName) << "WTSQuerySessionInformation WTSUserName failed err=" << queryError;
         return false;
     }
     const UniqueWtsMemory<wchar_t> userName(raw);

@@ -117,8 +117,9 @@ uint32_t CProductConfigurationPlg::_WaitIfProcessIsRunning()
     const UniqueHandle process(OpenProcess(SYNCHRONIZE, FALSE, pid));
     if (!process)
     {
+        const DWORD error = GetLastError(); // before the stream, which calls into the logging library
         logger_stream(logging::LevelError, kName)
-            << "Could not open process = productcfg.exe with pid = " << pid << ". Error = " << GetLastError();
+            << "Could not open process = productcfg.exe with pid = " << pid << ". Error = " << error;
         return ERROR_GEN_FAILURE;
     }
     logger_stream(logging::LevelInfo, kName) << "Waiting for productcfg.exe process to close...";

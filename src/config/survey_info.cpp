@@ -38,7 +38,8 @@ void CProductConfigurationPlg::_WriteSurveyInfo(const SubscriptionData& data)
     std::wstring wide(chars > 0 ? static_cast<size_t>(chars) : 0, L'\0');
     if (chars <= 0 || MultiByteToWideChar(CP_UTF8, 0, text.c_str(), -1, &wide[0], chars) != chars)
     {
-        logger_stream(logging::LevelError, kName) << "multibyte to wchar failed, err: " << GetLastError();
+        const DWORD error = GetLastError(); // before the stream, which calls into the logging library
+        logger_stream(logging::LevelError, kName) << "multibyte to wchar failed, err: " << error;
         return;
     }
     wide.resize(static_cast<size_t>(chars) - 1); // the terminator is not written

@@ -13,7 +13,9 @@
 //
 // Lines go to standard error, or are appended to the file named by the
 // environment variable QM_LOG_FILE, in UTF-8 with CR LF. QM_LOG_ENABLED=0
-// makes LogIsEnabled answer false. The other entry points do nothing.
+// makes LogIsEnabled answer false; QM_LOG_LAST_ERROR=<n> makes it leave n as
+// the calling thread's last error, as a library that calls the system may.
+// The other entry points do nothing.
 //
 // The same source built with log_without_write.def is a log.dll without
 // LogWrite and LogIsEnabled.
@@ -36,6 +38,7 @@ using standin::Variable;
 
 constexpr wchar_t kFileVariable[] = L"QM_LOG_FILE";
 constexpr wchar_t kEnabledVariable[] = L"QM_LOG_ENABLED";
+constexpr wchar_t kLastErrorVariable[] = L"QM_LOG_LAST_ERROR";
 
 // Per-thread depth, in a TLS slot of this library's lifetime.
 DWORD depthSlot = TLS_OUT_OF_INDEXES;
@@ -180,7 +183,11 @@ HRESULT LogWrite(uint16_t depth, const uint32_t* level, HMODULE, const wchar_t* 
 
 uint8_t LogIsEnabled()
 {
-    return Variable(kEnabledVariable) == L"0" ? 0 : 1;
+    const uint8_t enabled = Variable(kEnabledVariable) == L"0" ? 0 : 1;
+    const std::wstring lastError = Variable(kLastErrorVariable);
+    if (!lastError.empty())
+        SetLastError(static_cast<DWORD>(std::wcstoul(lastError.c_str(), nullptr, 10)));
+    return enabled;
 }
 
 // Entry points the plugin resolves and never calls.
