@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "handle_count.h"
 #include "launch/process_launch.h"
 #include "launch/process_lookup.h"
 #include "launch/sessions.h"
@@ -20,26 +21,6 @@
 namespace
 {
 using Lines = std::vector<std::string>;
-
-// Handles of this process in the system's handle table (class 64, extended
-// entries of 5 words): Wine keeps it for real, GetProcessHandleCount is 0.
-size_t OpenHandleCount()
-{
-    using QueryFn = LONG(WINAPI*)(ULONG, void*, ULONG, ULONG*);
-    const auto query = reinterpret_cast<QueryFn>(
-        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation")));
-    std::vector<ULONG_PTR> table(1 << 16); // count, reserved, then the entries
-    LONG status = 0;
-    while ((status = query(64, table.data(), static_cast<ULONG>(table.size() * sizeof(ULONG_PTR)), nullptr)) ==
-           static_cast<LONG>(0xC0000004)) // too small
-        table.resize(table.size() * 2);
-    if (status != 0)
-        return SIZE_MAX;
-    size_t count = 0;
-    for (ULONG_PTR i = 0; i < table[0]; ++i)
-        count += table[2 + i * 5 + 1] == GetCurrentProcessId(); // object, owner, handle, ...
-    return count;
-}
 
 // Address space in use, where Wine's environment blocks live.
 uint64_t VirtualBytesInUse()
