@@ -5,7 +5,9 @@
 //   - a "_ProductCfgTimer" item waits for an earlier ProductCfg.exe of the
 //     host's folder (the stand-in held running);
 //   - both at once, when a logon arms the timer while the installer runs (a
-//     build in which nothing arms the timer then says so and skips it).
+//     build in which nothing arms the timer then says so and skips it);
+//   - checkThread waits for the service "wscsvc" to run (WscsvcStandin.exe
+//     installed and stopped, the marker UnregFwWscFailed set).
 // Each figure is min / median / max over the runs, in milliseconds, with
 // whether the median and the maximum meet the target; nothing is enforced.
 //
@@ -32,6 +34,7 @@
 #include "log_capture.h"
 #include "simhost/sim_host.h"
 #include "standin_control.h"
+#include "wscsvc_control.h"
 
 namespace
 {
@@ -102,6 +105,7 @@ enum class Case
     Installer,
     EarlierProcess,
     Both,
+    Wscsvc,
 };
 
 SubscriptionData Record(int32_t serverType)
@@ -129,12 +133,17 @@ double MeasureOnce(const Plugin& plugin, const LogFile& log, Case which, bool& r
     host.config.Set(217, L"Desktop", kProductKey);
     // Without the installer the first record arms the timer at once.
     host.subscription.SetRecord(Record(5));
+    const DWORD marker = 1;
+    if (which == Case::Wscsvc)
+        RegSetKeyValueW(HKEY_LOCAL_MACHINE, kProductKey, L"UnregFwWscFailed", REG_DWORD, &marker, sizeof(marker));
     IServPlugin* object = plugin.Create();
     if (object == nullptr || object->Init(&host) != 0 || object->Start() != 0)
         return -1;
 
     bool ready = host.WaitIdle();
-    if (which != Case::EarlierProcess)
+    if (which == Case::Wscsvc)
+        ready = ready && log.AwaitLine("CWscHandler::_IsWscServiceUp: <- ");
+    else if (which != Case::EarlierProcess)
         ready = ready && log.AwaitLine("Start waiting after installer");
     if (which == Case::Both)
     {
@@ -143,7 +152,7 @@ double MeasureOnce(const Plugin& plugin, const LogFile& log, Case which, bool& r
         reachable = host.ledger.ReceivedCount("_ProductCfgTimer") != 0;
     }
     std::thread timer;
-    if (which != Case::Installer && reachable)
+    if (which != Case::Installer && which != Case::Wscsvc && reachable)
     {
         timer = std::thread([&host] { host.queue.Advance(0); });
         ready = ready && log.AwaitLine("Waiting for productcfg.exe process to close...");
@@ -156,9 +165,15 @@ double MeasureOnce(const Plugin& plugin, const LogFile& log, Case which, bool& r
     if (timer.joinable())
         timer.join();
     // Each wait of the case ended by the stop event.
+    DWORD value = 0;
+    DWORD size = sizeof(value);
     const bool stopped =
-        (which == Case::EarlierProcess || log.Contains("_WaitForEventsAndConfig: Receive stop event")) &&
-        (which == Case::Installer || log.Contains("_ProductCfgTimer: Receive stop event"));
+        which == Case::Wscsvc
+            ? log.Contains("CWscHandler::_CheckWscsvcAndUninstallFw: <- ") &&
+                  RegGetValueW(HKEY_LOCAL_MACHINE, kProductKey, L"UnregFwWscFailed", RRF_RT_REG_DWORD, nullptr,
+                               &value, &size) == ERROR_SUCCESS
+            : (which == Case::EarlierProcess || log.Contains("_WaitForEventsAndConfig: Receive stop event")) &&
+                  (which == Case::Installer || log.Contains("_ProductCfgTimer: Receive stop event"));
     object->UnInit();
     plugin.Destroy(object);
     return ready && reachable && stopped ? ms : -1;
@@ -217,14 +232,25 @@ int main(int argc, char** argv)
     };
     const Row rows[] = {{Case::Installer, "waitThread waits for the installer"},
                         {Case::EarlierProcess, "timer item waits for an earlier ProductCfg.exe"},
-                        {Case::Both, "both at once"}};
+                        {Case::Both, "both at once"},
+                        {Case::Wscsvc, "checkThread waits for wscsvc"}};
     for (const Row& row : rows)
     {
         std::unique_ptr<standin::Installer> installer;
         std::unique_ptr<standin::HeldProductCfg> earlier;
-        if (row.which != Case::EarlierProcess)
+        std::unique_ptr<standin::Wscsvc> wscsvc;
+        if (row.which == Case::Wscsvc)
+        {
+            wscsvc = std::make_unique<standin::Wscsvc>();
+            if (!wscsvc->Installed())
+            {
+                std::printf("%-48s wscsvc cannot be installed (%s): no figure\n", row.what, wscsvc->Problem().c_str());
+                continue;
+            }
+        }
+        else if (row.which != Case::EarlierProcess)
             installer = std::make_unique<standin::Installer>();
-        if (row.which != Case::Installer)
+        if (row.which != Case::Installer && row.which != Case::Wscsvc)
             earlier = std::make_unique<standin::HeldProductCfg>();
         if ((installer && !installer->Started()) || (earlier && !earlier->Started()))
         {

@@ -96,8 +96,14 @@ ExitStatus Player::Play()
         console.Line("== step " + std::to_string(i) + ": " + scenario::Describe(step.action));
         if (!step.note.empty())
             Say("# " + step.note);
+        const size_t refreshesBefore = host.ledger.ReceivedCount("_OnSubscriptionChanged");
+        const bool markerBefore = MarkerThere();
         std::visit([this](const auto& action) { Run(action); }, step.action);
         ReportLaunches();
+        WaitIdle("after step " + std::to_string(i));
+        ReportWsc(host.ledger.ReceivedCount("_OnSubscriptionChanged") != refreshesBefore ||
+                      std::holds_alternative<scenario::StartWscsvcStep>(step.action),
+                  markerBefore);
     }
     WaitIdle("after the last step");
     if (plugin != nullptr)
@@ -141,6 +147,9 @@ bool Player::SetUp()
             return false;
         }
     }
+
+    if (!SetUpWscsvc())
+        return false;
 
     host.serviceStatus.SetStatus(scenario.hostServiceStatus);
     Say("QmServiceStatusClient.GetStatus(0) answers " + std::to_string(scenario.hostServiceStatus));
@@ -255,6 +264,110 @@ void Player::Run(const scenario::SubscriptionStep& step)
 {
     SerialHold hold(host);
     host.subscription.Deliver(HostRecord(step.record));
+}
+
+void Player::Run(const scenario::WscMarkerStep&)
+{
+    const std::optional<std::wstring> key = ProductKey();
+    if (!key)
+        return Fail("wsc_marker: no setting 217 \"Desktop\" names the product key");
+    scenario::RegistryValue marker;
+    marker.root = scenario::RegistryRoot::LocalMachine;
+    marker.key = *key;
+    marker.name = L"UnregFwWscFailed";
+    marker.dword = 1;
+    const Status status = ApplyRegistryValue(marker);
+    if (status != 0)
+        return Fail("wsc_marker " + scenario::Describe(marker) + " failed: " + std::to_string(status));
+    Say("registry " + scenario::Describe(marker));
+}
+
+void Player::Run(const scenario::StartWscsvcStep&)
+{
+    if (!wscsvc)
+        return Fail("start_wscsvc: the scenario installs no wscsvc (\"wscsvc\" in the setup)");
+    if (scenario.wscsvc == scenario::Wscsvc::StartPending)
+        wscsvc->Release();
+    else if (!wscsvc->Start())
+        return Fail("start_wscsvc: StartServiceW failed: " + std::to_string(GetLastError()));
+    if (!wscsvc->AwaitState(SERVICE_RUNNING))
+        return Fail("start_wscsvc: wscsvc was not running within 20 s");
+    Say("wscsvc: running");
+}
+
+bool Player::SetUpWscsvc()
+{
+    if (scenario.wscsvc == scenario::Wscsvc::Untouched)
+        return true;
+    if (!wscRecord.Ready())
+    {
+        console.Line("cannot make a file for wsc.dll to record its calls in; nothing was played");
+        return false;
+    }
+    Say("wsc.dll records its calls in a file of the runner's own (PCP_WSC_RECORD)");
+    wscsvc = std::make_unique<standin::Wscsvc>(scenario.wscsvc == scenario::Wscsvc::StartPending);
+    bool ready = wscsvc->Installed();
+    const char* state = "stopped";
+    if (ready && scenario.wscsvc == scenario::Wscsvc::Running)
+    {
+        ready = wscsvc->StartRunning();
+        state = "running";
+    }
+    else if (ready && scenario.wscsvc == scenario::Wscsvc::StartPending)
+    {
+        ready = wscsvc->Start() && wscsvc->AwaitState(SERVICE_START_PENDING);
+        state = "start pending until start_wscsvc";
+    }
+    if (!ready)
+    {
+        console.Line("cannot install WscsvcStandin.exe as \"wscsvc\" (" +
+                     (wscsvc->Problem().empty() ? "it did not reach its state" : wscsvc->Problem()) +
+                     "); nothing was played");
+        return false;
+    }
+    Say(std::string("wscsvc: WscsvcStandin.exe installed as \"wscsvc\", ") + state);
+    return true;
+}
+
+std::optional<std::wstring> Player::ProductKey() const
+{
+    for (const scenario::Setting& setting : scenario.settings)
+    {
+        if (setting.number == 217 && setting.section == L"Desktop")
+            return setting.value;
+    }
+    return std::nullopt;
+}
+
+bool Player::MarkerThere() const
+{
+    const std::optional<std::wstring> key = ProductKey();
+    if (!key)
+        return false;
+    DWORD value = 0;
+    DWORD size = sizeof(value);
+    return RegGetValueW(HKEY_LOCAL_MACHINE, key->c_str(), L"UnregFwWscFailed", RRF_RT_REG_DWORD, nullptr, &value,
+                        &size) == ERROR_SUCCESS;
+}
+
+void Player::ReportWsc(bool jobPossible, bool markerBefore)
+{
+    if (!wscsvc)
+        return;
+    const DWORD state = wscsvc->State();
+    if (jobPossible && plugin != nullptr && MarkerThere() &&
+        (state == SERVICE_RUNNING || state == SERVICE_START_PENDING))
+    {
+        // checkThread runs beside the host's threads: its job is over once
+        // the marker is gone, wsc.dll freed before that.
+        const ULONGLONG deadline = GetTickCount64() + 10000;
+        while (MarkerThere() && GetTickCount64() < deadline)
+            Sleep(2);
+    }
+    for (const std::string& line : wscRecord.TakeNew())
+        Say("wsc: " + line);
+    if (markerBefore && !MarkerThere())
+        Say("wsc: marker UnregFwWscFailed removed");
 }
 
 void Player::Create()

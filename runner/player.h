@@ -8,6 +8,8 @@
 
 #include <windows.h>
 
+#include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,7 +18,9 @@
 #include "runner/launch_record.h"
 #include "runner/plugin_library.h"
 #include "runner/scenario.h"
+#include "runner/wsc_record.h"
 #include "simhost/sim_host.h"
+#include "wscsvc_control.h"
 
 namespace runner
 {
@@ -54,6 +58,8 @@ private:
     void Run(const scenario::SetRegistryStep& step);
     void Run(const scenario::ShowRegistryStep& step);
     void Run(const scenario::SubscriptionStep& step);
+    void Run(const scenario::WscMarkerStep&);
+    void Run(const scenario::StartWscsvcStep&);
 
     // Where the plugin object is in its one cycle of the host contract.
     enum class Phase
@@ -78,6 +84,16 @@ private:
     void WaitIdle(const std::string& when);
     // Prints the starts of ProductCfg.exe recorded since the last call.
     void ReportLaunches();
+    // Installs "wscsvc" as the scenario asks; false when it cannot.
+    bool SetUpWscsvc();
+    // The product key path (setting 217 "Desktop" of the scenario).
+    std::optional<std::wstring> ProductKey() const;
+    bool MarkerThere() const;
+    // After a step that may have let checkThread do its job (a record was
+    // refreshed, or wscsvc started) while the marker is there and wscsvc is
+    // up, waits (bounded) for the marker to go; then prints what wsc.dll
+    // recorded and whether the marker went in the step.
+    void ReportWsc(bool jobPossible, bool markerBefore);
     void PrintSummary();
     void Say(const std::string& text) { console.Line("  " + text); }
     void Fail(const std::string& problem);
@@ -87,6 +103,8 @@ private:
     Console& console;
     // Named in the environment before the plugin can start ProductCfg.exe.
     LaunchRecord launches;
+    WscRecord wscRecord;
+    std::unique_ptr<standin::Wscsvc> wscsvc;
     // What a logon event carries; the plugin only tests it for null. Lives
     // longer than the host's threads that pass it on.
     WTSSESSION_NOTIFICATION sessionNotification{sizeof(WTSSESSION_NOTIFICATION), 1};

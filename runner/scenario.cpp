@@ -184,6 +184,8 @@ const std::vector<StepKind>& StepKinds()
              ReadRegistryPlace(fields, step.root, step.key, step.name);
              return step;
          }},
+        {"wsc_marker", {"do", "note"}, [](FieldReader&) -> StepAction { return WscMarkerStep{}; }},
+        {"start_wscsvc", {"do", "note"}, [](FieldReader&) -> StepAction { return StartWscsvcStep{}; }},
         {"subscription", {"do", "note", "record"},
          [](FieldReader& fields) -> StepAction {
              SubscriptionStep step;
@@ -439,7 +441,7 @@ ParseResult ParseScenario(const std::string& text)
     FieldReader top(root, std::string(), error);
     top.OnlyKeys({"description", "settings", "missing_setting", "registry", "host_service_status",
                   "fail_components", "fail_serial_execution", "product_agent_async", "null_component_manager",
-                  "null_event_queue", "subscription", "steps"});
+                  "null_event_queue", "subscription", "wscsvc", "steps"});
     top.Text("description", scenario.description, Need::Optional);
     ReadSettings(top, scenario, error);
     ReadMissingSetting(top, scenario);
@@ -452,6 +454,19 @@ ParseResult ParseScenario(const std::string& text)
     top.Bool("null_event_queue", scenario.nullEventQueue, Need::Optional);
     top.Object("subscription", Need::Optional, "a subscription record",
                [&](FieldReader& record) { scenario.subscription = ReadSubscriptionRecord(record); });
+    std::string wscsvc;
+    top.Text("wscsvc", wscsvc, Need::Optional);
+    if (top.Ok() && top.Find("wscsvc") != nullptr)
+    {
+        if (wscsvc == "stopped")
+            scenario.wscsvc = Wscsvc::Stopped;
+        else if (wscsvc == "running")
+            scenario.wscsvc = Wscsvc::Running;
+        else if (wscsvc == "start_pending")
+            scenario.wscsvc = Wscsvc::StartPending;
+        else
+            top.Fail("wscsvc", "unknown state \"" + wscsvc + "\" (expected one of: stopped, running, start_pending)");
+    }
     ReadSteps(top, scenario, error);
     if (error.empty())
         result.scenario = std::move(scenario);
@@ -559,6 +574,8 @@ std::string Describe(const StepAction& action)
             return "show_registry " + DescribeRegistryPlace(s.root, s.key, s.name);
         }
         std::string operator()(const SubscriptionStep& s) const { return "subscription " + Describe(s.record); }
+        std::string operator()(const WscMarkerStep&) const { return "wsc_marker"; }
+        std::string operator()(const StartWscsvcStep&) const { return "start_wscsvc"; }
     };
     return std::visit(Describer{}, action);
 }

@@ -159,14 +159,32 @@ struct SubscriptionStep // OnSubscriptionStatusChanged from the subscription cli
     bool operator==(const SubscriptionStep& o) const { return record == o.record; }
 };
 
+struct WscMarkerStep // sets UnregFwWscFailed at the product key path (setting 217)
+{
+    bool operator==(const WscMarkerStep&) const { return true; }
+};
+struct StartWscsvcStep // starts the installed "wscsvc" (or lets a held start go on) until it runs
+{
+    bool operator==(const StartWscsvcStep&) const { return true; }
+};
+
 using StepAction = std::variant<InitStep, StartStep, StopStep, ServiceStatusStep, SessionChangeStep,
                                 UserInfoChangedStep, UserInfoReplyStep, AdvanceStep, WaitIdleStep, SetRegistryStep,
-                                ShowRegistryStep, SubscriptionStep>;
+                                ShowRegistryStep, SubscriptionStep, WscMarkerStep, StartWscsvcStep>;
 
 struct Step
 {
     StepAction action;
     std::string note; // printed under the step's header; may be empty
+};
+
+// The service "wscsvc" the runner installs before the first step.
+enum class Wscsvc
+{
+    Untouched,    // none installed: the prefix stays as it is
+    Stopped,      // "stopped": installed, started by a start_wscsvc step
+    Running,      // "running"
+    StartPending, // "start_pending": started and held in START_PENDING until start_wscsvc
 };
 
 // Longest clock advance one step may ask for: 30 days.
@@ -189,6 +207,7 @@ struct Scenario
     // What GetSubscription of "SubscriptionCommClient" fills in; absent: the
     // all-zero record.
     std::optional<SubscriptionRecord> subscription;
+    Wscsvc wscsvc = Wscsvc::Untouched;
     std::vector<Step> steps;
 };
 

@@ -1,4 +1,4 @@
-// The handles this process holds, as the system's handle table counts them.
+// Handles this process holds, as the system's handle table counts them.
 #pragma once
 
 #include <windows.h>
@@ -8,6 +8,7 @@
 
 // Handles of this process in the system's handle table (class 64, extended
 // entries of 5 words): Wine keeps it for real, GetProcessHandleCount is 0.
+// SIZE_MAX when the table cannot be read.
 inline size_t OpenHandleCount()
 {
     using QueryFn = LONG(WINAPI*)(ULONG, void*, ULONG, ULONG*);
@@ -25,4 +26,3 @@ inline size_t OpenHandleCount()
         count += table[2 + i * 5 + 1] == GetCurrentProcessId(); // object, owner, handle, ...
     return count;
 }
-

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "handle_count.h"
 #include "launch/process_launch.h"
 #include "launch/process_lookup.h"
 #include "launch/sessions.h"

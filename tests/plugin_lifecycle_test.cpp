@@ -22,13 +22,15 @@ const Strings kReleaseOrder = {"QmServiceStatusClient", "SubscriptionCommClient"
 struct InitCase
 {
     const char* what;
-    std::string message; // logged at level 4 in Init's scope
+    std::string message; // "function: text", logged at level 4
     std::function<IServMain*(sim::Host&)> setUp;
     Status status;
     size_t acquiredBeforeFailure; // of kAllFive; 5 with no failing component
-    bool failsAtComponent;
+    bool failsAtComponent;        // at the next of kAllFive, or at CWscHandler's "productinfo" after all five
     bool serialCreated;
 };
+
+const std::string kInitScope = "CProductConfigurationPlg::Init: ";
 
 std::wstring Wide(const std::string& text)
 {
@@ -38,20 +40,20 @@ std::wstring Wide(const std::string& text)
 std::vector<InitCase> InitCases()
 {
     std::vector<InitCase> cases = {
-        {"servMain null", "ServMain is null!", [](sim::Host&) -> IServMain* { return nullptr; }, 31, 0, false, false},
-        {"component manager null", "Component manager is null!",
+        {"servMain null", kInitScope + "ServMain is null!", [](sim::Host&) -> IServMain* { return nullptr; }, 31, 0, false, false},
+        {"component manager null", kInitScope + "Component manager is null!",
          [](sim::Host& h) -> IServMain* {
              h.SetComponentManagerNull(true);
              return &h;
          },
          31, 0, false, false},
-        {"event queue null", "Event queue is null!",
+        {"event queue null", kInitScope + "Event queue is null!",
          [](sim::Host& h) -> IServMain* {
              h.SetEventQueueNull(true);
              return &h;
          },
          31, 0, false, false},
-        {"serial execution refused", "Error creating serial Execution, err: -2147467259",
+        {"serial execution refused", kInitScope + "Error creating serial Execution, err: -2147467259",
          [](sim::Host& h) -> IServMain* {
              h.queue.FailCreateSerialExecution(0x80004005u);
              return &h;
@@ -73,13 +75,20 @@ std::vector<InitCase> InitCases()
     {
         const std::string name = kAllFive[i];
         const Status status = statuses[i];
-        cases.push_back({"component fails", messages[i] + std::to_string(status),
+        cases.push_back({"component fails", kInitScope + messages[i] + std::to_string(status),
                          [name, status](sim::Host& h) -> IServMain* {
                              h.components.Fail(Wide(name), status);
                              return &h;
                          },
                          status, i, true, true});
     }
+    // The Security Center handler's own holder of "productinfo".
+    cases.push_back({"CWscHandler::Init", "CWscHandler::Init: Get serv config failed, err: 5",
+                     [](sim::Host& h) -> IServMain* {
+                         h.components.Fail(L"productinfo", 5, 1);
+                         return &h;
+                     },
+                     5, 5, true, true});
     return cases;
 }
 } // namespace
@@ -96,7 +105,7 @@ TEST_F(PluginTest, InitFailuresGiveTheirStatusAndGiveBackWhatWasAcquired)
 
         log.Clear();
         EXPECT_EQ(plugin->Init(row.setUp(*host)), row.status);
-        EXPECT_EQ(log.Messages("ERROR"), Strings{"CProductConfigurationPlg::Init: " + row.message});
+        EXPECT_EQ(log.Messages("ERROR"), Strings{row.message});
 
         // Asked in order up to the failing name, never beyond it; what was
         // acquired is given back once, in UnInit's order.
@@ -104,7 +113,8 @@ TEST_F(PluginTest, InitFailuresGiveTheirStatusAndGiveBackWhatWasAcquired)
         for (size_t i = 0; i < row.acquiredBeforeFailure; ++i)
             expected.push_back("+" + kAllFive[i]);
         if (row.failsAtComponent)
-            expected.push_back("!" + kAllFive[row.acquiredBeforeFailure]);
+            expected.push_back("!" + (row.acquiredBeforeFailure < kAllFive.size() ? kAllFive[row.acquiredBeforeFailure]
+                                                                                 : std::string("productinfo")));
         for (const std::string& name : kReleaseOrder)
         {
             for (size_t i = 0; i < row.acquiredBeforeFailure; ++i)
@@ -129,19 +139,22 @@ TEST_F(PluginTest, InitFailuresGiveTheirStatusAndGiveBackWhatWasAcquired)
     }
 }
 
-TEST_F(PluginTest, InitAcquiresAllFiveAndUnInitGivesThemBackOnce)
+TEST_F(PluginTest, InitAcquiresInOrderAndUnInitGivesBackOnceMembersFirst)
 {
     ASSERT_EQ(plugin->Init(host.get()), 0u);
+    // The five, then the Security Center handler's own "productinfo".
+    Strings expected;
     for (const std::string& name : kAllFive)
-    {
-        EXPECT_EQ(host->components.Acquired(Wide(name)), 1u) << name;
-        EXPECT_EQ(host->components.Released(Wide(name)), 0u) << name;
-    }
+        expected.push_back("+" + name);
+    expected.push_back("+productinfo");
+    EXPECT_EQ(host->components.Order(), expected);
     EXPECT_EQ(host->queue.LiveSerialExecutions(), 1u);
     plugin->UnInit();
     plugin->UnInit();
-    for (const std::string& name : kAllFive)
-        EXPECT_EQ(host->components.Released(Wide(name)), 1u) << name;
+    expected.push_back("-productinfo");
+    for (const std::string& name : kReleaseOrder)
+        expected.push_back("-" + name);
+    EXPECT_EQ(host->components.Order(), expected);
     EXPECT_EQ(host->components.Outstanding(), 0);
 }
 

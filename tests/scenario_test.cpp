@@ -43,7 +43,9 @@ TEST(ScenarioParse, RefusesMalformedInputWithPlaceAndExpectation)
         {"[1]", "the scenario: expected an object, found a list"},
         {"{\"stepz\": []}", "stepz: unknown key (expected one of: description, settings, missing_setting, registry, "
                             "host_service_status, fail_components, fail_serial_execution, product_agent_async, "
-                            "null_component_manager, null_event_queue, subscription, steps)"},
+                            "null_component_manager, null_event_queue, subscription, wscsvc, steps)"},
+        {"{\"wscsvc\": \"paused\", \"steps\": []}",
+         "wscsvc: unknown state \"paused\" (expected one of: stopped, running, start_pending)"},
         {"{}", "steps: missing (expected a list of steps)"},
         {"{\"steps\": {}}", "steps: expected a list of steps"},
         {"{\"host_service_status\": 4294967296, \"steps\": []}",
@@ -74,7 +76,8 @@ TEST(ScenarioParse, RefusesMalformedInputWithPlaceAndExpectation)
         // Steps.
         {"{\"steps\": [\"start\", {\"do\": \"advanse\"}]}",
          "steps[1].do: unknown step \"advanse\" (expected one of: init, start, stop, service_status, session_change, "
-         "user_info_changed, user_info_reply, advance, wait_idle, set_registry, show_registry, subscription)"},
+         "user_info_changed, user_info_reply, advance, wait_idle, set_registry, show_registry, wsc_marker, "
+         "start_wscsvc, subscription)"},
         {"{\"steps\": [{\"ms\": 5}]}", "steps[0].do: missing (expected a text)"},
         {"{\"steps\": [5]}", "steps[0]: expected an object, found a number"},
         {"{\"steps\": [{\"do\": \"advance\", \"ms\": -5}]}",
@@ -152,10 +155,13 @@ TEST(ScenarioParse, ValidScenarioBecomesTheRecord)
         {"do": "set_registry", "root": "HKLM", "key": "K", "name": "N", "type": "dword", "value": 1},
         {"do": "show_registry", "root": "HKU", "key": "K", "name": ""},
         {"do": "subscription", "record": {}},
+        "wsc_marker",
+        "start_wscsvc",
         "stop",
         "start",
         "stop"
-      ]
+      ],
+      "wscsvc": "start_pending"
     })");
     ASSERT_TRUE(result.scenario.has_value()) << result.error;
     const Scenario& s = *result.scenario;
@@ -173,6 +179,7 @@ TEST(ScenarioParse, ValidScenarioBecomesTheRecord)
     EXPECT_FALSE(s.productAgentAsync);
     EXPECT_TRUE(s.nullComponentManager);
     EXPECT_TRUE(s.nullEventQueue);
+    EXPECT_EQ(s.wscsvc, scenario::Wscsvc::StartPending);
 
     const std::vector<StepAction> expected = {
         InitStep{},
@@ -187,6 +194,8 @@ TEST(ScenarioParse, ValidScenarioBecomesTheRecord)
         SetRegistryStep{{RegistryRoot::LocalMachine, L"K", L"N", RegistryType::Dword, 1, L""}},
         ShowRegistryStep{RegistryRoot::Users, L"K", L""},
         SubscriptionStep{},
+        WscMarkerStep{},
+        StartWscsvcStep{},
         StopStep{},
         StartStep{},
         StopStep{},

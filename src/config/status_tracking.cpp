@@ -16,6 +16,7 @@ void CProductConfigurationPlg::_RefreshSubscription(const SubscriptionData& data
         std::lock_guard<std::mutex> lock(subscriptionMutex);
         storedSubscription = data;
     }
+    wscHandler.UnregisterFirewallIfNeeded();
     _WriteServerProductType(data.ServerProductType);
     _WriteSurveyInfo(data);
     _SetConfigurationStatus();

@@ -99,6 +99,10 @@ Status CProductConfigurationPlg::Init(IServMain* servMain)
         logger_stream(logging::LevelError, kInit) << "Get IProductAgent failed, err: " << status;
         return fail(status);
     }
+    // The members log their own failures.
+    status = wscHandler.Init(manager);
+    if (status != 0)
+        return fail(status);
 
     productCfgDelayMs = _GetDelay();
     return 0;
@@ -107,6 +111,7 @@ Status CProductConfigurationPlg::Init(IServMain* servMain)
 void CProductConfigurationPlg::UnInit()
 {
     TraceScope trace(L"CProductConfigurationPlg::UnInit");
+    wscHandler.UnInit();
     serviceStatusClient.Reset();
     subscriptionClient.Reset();
     sessionClient.Reset();
@@ -170,6 +175,7 @@ void CProductConfigurationPlg::Stop()
     }
     installDoneEvent.reset();
     installerPending = false;
+    wscHandler.Stop();
 
     {
         std::lock_guard<std::mutex> lock(timerMutex);

@@ -19,6 +19,7 @@
 #include "host/work_item.h"
 #include "support/log_client.h"
 #include "support/unique_resource.h"
+#include "wsc/wsc_handler.h"
 
 // Name of the event that a running installer creates and sets when it ends.
 constexpr wchar_t kInstallDoneEventName[] = L"Global\\Install_Done-9E9487AA-4E57-4A22-B92A-F353BB7727A6";
@@ -129,6 +130,7 @@ private:
     ComponentHolder<IServiceStatusClient> serviceStatusClient;
     ComponentHolder<IProductAgentCommClient> productAgentClient;
     SerialExecutionHolder serialExecution;
+    CWscHandler wscHandler;
     CAppsManager appsManager;
     IEventQueue* eventQueue = nullptr;
     TimerHandle appsCheckTimer = 0;

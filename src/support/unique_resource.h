@@ -7,6 +7,7 @@
 
 #include <objbase.h>
 #include <userenv.h>
+#include <winsvc.h>
 #include <wtsapi32.h>
 
 #include <utility>
@@ -78,6 +79,13 @@ struct ModuleTraits
     static void Close(Type h) { FreeLibrary(h); }
 };
 
+struct ServiceHandleTraits // the service manager and its services
+{
+    using Type = SC_HANDLE;
+    static Type Invalid() { return nullptr; }
+    static void Close(Type h) { CloseServiceHandle(h); }
+};
+
 template <class T>
 struct CoTaskMemTraits // memory the shell hands out, such as known-folder paths
 {
@@ -105,6 +113,7 @@ using UniqueHandle = UniqueResource<HandleTraits>;
 using UniqueFileHandle = UniqueResource<FileHandleTraits>;
 using UniqueRegKey = UniqueResource<RegKeyTraits>;
 using UniqueModule = UniqueResource<ModuleTraits>;
+using UniqueServiceHandle = UniqueResource<ServiceHandleTraits>;
 using UniqueSnapshot = UniqueResource<FileHandleTraits>; // toolhelp snapshots
 using UniqueEnvironmentBlock = UniqueResource<EnvironmentBlockTraits>;
 template <class T>
