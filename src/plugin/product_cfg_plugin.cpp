@@ -100,6 +100,12 @@ Status CProductConfigurationPlg::Init(IServMain* servMain)
         return fail(status);
     }
 
+    // The plugin's parts, in this order, each logging its own failure:
+    // CWscHandler, CBootstrap, CAppsManager.
+    status = bootstrap.Init(servMain);
+    if (status != 0)
+        return fail(status);
+
     productCfgDelayMs = _GetDelay();
     return 0;
 }
@@ -107,6 +113,7 @@ Status CProductConfigurationPlg::Init(IServMain* servMain)
 void CProductConfigurationPlg::UnInit()
 {
     TraceScope trace(L"CProductConfigurationPlg::UnInit");
+    bootstrap.UnInit();
     serviceStatusClient.Reset();
     subscriptionClient.Reset();
     sessionClient.Reset();

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "apps/apps_manager.h"
+#include "bootstrap/bootstrap.h"
 #include "config/run_decision.h"
 #include "config/subscription_data.h"
 #include "host/components.h"
@@ -129,6 +130,7 @@ private:
     ComponentHolder<IServiceStatusClient> serviceStatusClient;
     ComponentHolder<IProductAgentCommClient> productAgentClient;
     SerialExecutionHolder serialExecution;
+    CBootstrap bootstrap;
     CAppsManager appsManager;
     IEventQueue* eventQueue = nullptr;
     TimerHandle appsCheckTimer = 0;
