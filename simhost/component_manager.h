@@ -20,8 +20,9 @@ public:
 
     // GetComponent(name, id) gives object while name is not failed.
     void Register(const std::wstring& name, const InterfaceId& id, void* object);
-    // Every later GetComponent(name) gives status; 0 clears the failure.
-    void Fail(const std::wstring& name, Status status);
+    // Every later GetComponent(name) gives status, after the first
+    // succeedFirst of them have succeeded; status 0 clears the failure.
+    void Fail(const std::wstring& name, Status status, size_t succeedFirst = 0);
 
     Status GetComponent(const wchar_t* name, const InterfaceId& id, void** out) override;
     Status ReleaseComponent(const wchar_t* name) override;
@@ -41,6 +42,7 @@ private:
         InterfaceId id{};
         void* object = nullptr;
         Status failure = 0;
+        size_t succeedFirst = 0;
         size_t requested = 0;
         size_t acquired = 0;
         size_t released = 0;
