@@ -190,10 +190,4 @@ void ProductAgentClient::DeliverUserInfoChanged(bool wait)
     };
     thread.Dispatch(call, wait);
 }
-
-CloudStatus ConnectIntegrator::PerformRequestImpl(CloudRequest& /*request*/, CloudResponse& /*response*/, uint32_t flag)
-{
-    journal.Record("connect_integrator.PerformRequest " + std::to_string(flag));
-    return CloudStatus{0, ERROR_NOT_SUPPORTED};
-}
 } // namespace sim

@@ -13,6 +13,7 @@
 #include "config/subscription_data.h"
 #include "host/components.h"
 #include "host/sinks.h"
+#include "simhost/cloud_client.h"
 #include "simhost/host_thread.h"
 #include "simhost/journal.h"
 
@@ -229,22 +230,5 @@ private:
     ProductAgentAsync async;
     SinkList<IProductAgentEvents> sinks;
     HostThread thread;
-};
-
-// "connect_integrator": the cloud client.
-class ConnectIntegrator final : public IConnectIntegrator
-{
-public:
-    explicit ConnectIntegrator(Journal& journal) : journal(journal) {}
-
-    void Reserved1() override {}
-    void Reserved2() override {}
-    CloudStatus PerformRequestImpl(CloudRequest& request, CloudResponse& response, uint32_t flag);
-    QM_IMPLEMENTS_RECORD_RESULT(CloudStatus, PerformRequest,
-                                (CloudRequest & request, CloudResponse & response, uint32_t flag),
-                                (request, response, flag))
-
-private:
-    Journal& journal;
 };
 } // namespace sim

@@ -12,11 +12,11 @@ void ComponentManager::Register(const std::wstring& name, const InterfaceId& id,
     entry.object = object;
 }
 
-void ComponentManager::Fail(const std::wstring& name, Status status, size_t after)
+void ComponentManager::Fail(const std::wstring& name, Status status, size_t succeedFirst)
 {
     std::lock_guard<std::mutex> lock(mutex);
     entries[name].failure = status;
-    entries[name].failAfter = after;
+    entries[name].succeedFirst = succeedFirst;
 }
 
 Status ComponentManager::GetComponent(const wchar_t* name, const InterfaceId& id, void** out)
@@ -28,7 +28,7 @@ Status ComponentManager::GetComponent(const wchar_t* name, const InterfaceId& id
         auto it = name != nullptr ? entries.find(name) : entries.end();
         if (it == entries.end() || it->second.object == nullptr)
             status = ERROR_NOT_FOUND;
-        else if (it->second.failure != 0 && it->second.acquired >= it->second.failAfter)
+        else if (it->second.failure != 0 && it->second.requested >= it->second.succeedFirst)
             status = it->second.failure;
         else if (it->second.id != id)
             status = ERROR_INVALID_PARAMETER; // asked under the wrong identifier

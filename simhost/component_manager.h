@@ -20,10 +20,9 @@ public:
 
     // GetComponent(name, id) gives object while name is not failed.
     void Register(const std::wstring& name, const InterfaceId& id, void* object);
-    // Every later GetComponent(name) gives status once name has been
-    // acquired `after` times (a second holder of one component fails while
-    // the first still works); status 0 clears the failure.
-    void Fail(const std::wstring& name, Status status, size_t after = 0);
+    // Every later GetComponent(name) gives status, after the first
+    // succeedFirst of them have succeeded; status 0 clears the failure.
+    void Fail(const std::wstring& name, Status status, size_t succeedFirst = 0);
 
     Status GetComponent(const wchar_t* name, const InterfaceId& id, void** out) override;
     Status ReleaseComponent(const wchar_t* name) override;
@@ -43,7 +42,7 @@ private:
         InterfaceId id{};
         void* object = nullptr;
         Status failure = 0;
-        size_t failAfter = 0;
+        size_t succeedFirst = 0;
         size_t requested = 0;
         size_t acquired = 0;
         size_t released = 0;

@@ -142,16 +142,20 @@ TEST_F(PluginTest, InitFailuresGiveTheirStatusAndGiveBackWhatWasAcquired)
 TEST_F(PluginTest, InitAcquiresInOrderAndUnInitGivesBackOnceMembersFirst)
 {
     ASSERT_EQ(plugin->Init(host.get()), 0u);
-    // The five, then the Security Center handler's own "productinfo".
+    // The five, then the Security Center handler's "productinfo", then
+    // CBootstrap's "productinfo" and "connect_integrator".
     Strings expected;
     for (const std::string& name : kAllFive)
         expected.push_back("+" + name);
-    expected.push_back("+productinfo");
+    for (const char* name : {"+productinfo", "+productinfo", "+connect_integrator"})
+        expected.push_back(name);
     EXPECT_EQ(host->components.Order(), expected);
     EXPECT_EQ(host->queue.LiveSerialExecutions(), 1u);
     plugin->UnInit();
     plugin->UnInit();
-    expected.push_back("-productinfo");
+    // Members first (CBootstrap, then the handler), then the plugin's own.
+    for (const char* name : {"-connect_integrator", "-productinfo", "-productinfo"})
+        expected.push_back(name);
     for (const std::string& name : kReleaseOrder)
         expected.push_back("-" + name);
     EXPECT_EQ(host->components.Order(), expected);
@@ -297,4 +301,40 @@ TEST_F(PluginTest, ANewCycleTakesANewObject)
     StartLoaded();
     EXPECT_EQ(SinksOf(*host), (Sinks{1, 1, 1, 1, 1}));
     StopAndUnInit();
+}
+
+TEST_F(PluginTest, CBootstrapsFailuresEndInitAfterTheFiveAreAcquired)
+{
+    const struct
+    {
+        const char* name;
+        size_t succeedFirst;
+        Status status;
+        std::string message;
+        Strings bootstrapOrder; // its requests and releases, behind the five acquisitions
+    } rows[] = {
+        {"productinfo", 1, 1460, "CBootstrap::Init: Serv config, err: 1460", {"!productinfo"}},
+        {"connect_integrator", 0, 5, "CBootstrap::Init: Cloud init failed, err: 5",
+         {"+productinfo", "!connect_integrator", "-productinfo"}},
+    };
+    for (const auto& row : rows)
+    {
+        SCOPED_TRACE(row.name);
+        DestroyPlugin();
+        host = std::make_unique<sim::Host>();
+        plugin = module.Create();
+        ASSERT_NE(plugin, nullptr);
+        host->components.Fail(Wide(row.name), row.status, row.succeedFirst);
+        log.Clear();
+        EXPECT_EQ(plugin->Init(host.get()), row.status);
+        EXPECT_EQ(log.Messages("ERROR"), Strings{row.message});
+        Strings expected;
+        for (const std::string& name : kAllFive)
+            expected.push_back("+" + name);
+        expected.insert(expected.end(), row.bootstrapOrder.begin(), row.bootstrapOrder.end());
+        for (const std::string& name : kReleaseOrder)
+            expected.push_back("-" + name);
+        EXPECT_EQ(host->components.Order(), expected);
+        EXPECT_EQ(host->components.Outstanding(), 0);
+    }
 }

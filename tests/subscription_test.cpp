@@ -225,9 +225,10 @@ TEST_F(SubscriptionTest, StatusFollowsTheRecordsAndTheHostsBufferDoesNotMatter)
         std::string comLine;
     };
     // cfgStatus keeps its value for an unknown server type, 1 included.
+    // Without stored commercial data every identifier is a new one.
     const Row rows[] = {
-        {0, 3, "", "CfgStatus: 0", "ComStatus: 0"}, {4, 3, "C1", "CfgStatus: 1", "ComStatus: 0"},
-        {0, 3, "C1", "CfgStatus: 1", "ComStatus: 0"}, {3, 3, "", "CfgStatus: 0", "ComStatus: 0"},
+        {0, 3, "", "CfgStatus: 0", "ComStatus: 0"}, {4, 3, "C1", "CfgStatus: 1", "ComStatus: 1"},
+        {0, 3, "C1", "CfgStatus: 1", "ComStatus: 1"}, {3, 3, "", "CfgStatus: 0", "ComStatus: 0"},
         {5, 3, "", "CfgStatus: 1", "ComStatus: 0"},   {5, 5, "", "CfgStatus: 0", "ComStatus: 0"},
     };
     StartLoaded();

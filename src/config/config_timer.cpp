@@ -55,7 +55,27 @@ void CProductConfigurationPlg::_ProductCfgTimer()
 {
     constexpr wchar_t kName[] = L"CProductConfigurationPlg::_ProductCfgTimer";
     TraceScope trace(kName);
+    // Held across the cloud request of the commercial update too: a status
+    // change waits for it.
     std::unique_lock<std::mutex> status(statusMutex);
+
+    if (productCfgStatus.comStatus == 1)
+    {
+        std::string commercialId;
+        {
+            std::lock_guard<std::mutex> lock(subscriptionMutex);
+            commercialId = FixedText(storedSubscription.CommercialId);
+        }
+        if (!commercialId.empty() && bootstrap.UpdateBootstrapData(commercialId))
+        {
+            // This runs as the timer's own item: cancel only. A busy
+            // timerMutex means its holder is about to replace or delete it.
+            std::unique_lock<std::mutex> timer(timerMutex, std::try_to_lock);
+            if (timer.owns_lock())
+                eventQueue->CancelTimer(productCfgTimer);
+            productCfgStatus.comStatus = 2;
+        }
+    }
 
     if (!IsOSUserLoggedIn()())
     {

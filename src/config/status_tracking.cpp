@@ -62,11 +62,16 @@ void CProductConfigurationPlg::_SetCommercialStatus()
         std::lock_guard<std::mutex> lock(subscriptionMutex);
         commercialId = FixedText(storedSubscription.CommercialId);
     }
+    // commercialIdMutex of bootstrap is taken under statusMutex, never the
+    // other way round.
     std::lock_guard<std::mutex> lock(statusMutex);
-    // Without commercial data to compare with, only an empty identifier
-    // changes anything: there is nothing to fetch or show for it.
-    if (commercialId.empty())
-        productCfgStatus.comStatus = 0;
+    if (bootstrap.contactsEnabled)
+    {
+        if (commercialId.empty())
+            productCfgStatus.comStatus = 0;
+        else if (bootstrap.IsCommercialIdDifferent(commercialId))
+            productCfgStatus.comStatus = 1;
+    }
     logger_stream(logging::LevelInfo, L"CProductConfigurationPlg::_SetCommercialStatus")
         << "ComStatus: " << productCfgStatus.comStatus;
 }

@@ -99,8 +99,12 @@ Status CProductConfigurationPlg::Init(IServMain* servMain)
         logger_stream(logging::LevelError, kInit) << "Get IProductAgent failed, err: " << status;
         return fail(status);
     }
-    // The members log their own failures.
+    // The plugin's parts, in this order, each logging its own failure:
+    // CWscHandler, CBootstrap, CAppsManager.
     status = wscHandler.Init(manager);
+    if (status != 0)
+        return fail(status);
+    status = bootstrap.Init(servMain);
     if (status != 0)
         return fail(status);
 
@@ -111,6 +115,7 @@ Status CProductConfigurationPlg::Init(IServMain* servMain)
 void CProductConfigurationPlg::UnInit()
 {
     TraceScope trace(L"CProductConfigurationPlg::UnInit");
+    bootstrap.UnInit();
     wscHandler.UnInit();
     serviceStatusClient.Reset();
     subscriptionClient.Reset();

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "apps/apps_manager.h"
+#include "bootstrap/bootstrap.h"
 #include "config/run_decision.h"
 #include "config/subscription_data.h"
 #include "host/components.h"
@@ -130,6 +131,7 @@ private:
     ComponentHolder<IServiceStatusClient> serviceStatusClient;
     ComponentHolder<IProductAgentCommClient> productAgentClient;
     SerialExecutionHolder serialExecution;
+    CBootstrap bootstrap;
     CWscHandler wscHandler;
     CAppsManager appsManager;
     IEventQueue* eventQueue = nullptr;
