@@ -111,7 +111,48 @@ void ServiceStatusClient::Deliver(uint32_t service, uint32_t status, bool wait)
 Status ProductAgentAsync::GetUserInfoExAsync()
 {
     journal.Record("productagent.GetUserInfoExAsync");
+    std::wstring level, text;
+    {
+        std::lock_guard<std::mutex> lock(answerMutex);
+        if (answerTiming == AnswerTiming::Late)
+            ++pendingAnswers;
+        if (answerTiming != AnswerTiming::Early)
+            return 0;
+        level = answerLevel;
+        text = answerText;
+    }
+    // Waiting on the reply thread from the reply thread would never end.
+    Reply(level, text, !replyThread.IsCurrent());
     return 0;
+}
+
+void ProductAgentAsync::SetAnswer(const std::wstring& level, const std::wstring& text, AnswerTiming timing)
+{
+    std::lock_guard<std::mutex> lock(answerMutex);
+    answerLevel = level;
+    answerText = text;
+    answerTiming = timing;
+}
+
+size_t ProductAgentAsync::PendingAnswers() const
+{
+    std::lock_guard<std::mutex> lock(answerMutex);
+    return pendingAnswers;
+}
+
+void ProductAgentAsync::AnswerPending(bool wait)
+{
+    size_t count = 0;
+    std::wstring level, text;
+    {
+        std::lock_guard<std::mutex> lock(answerMutex);
+        count = pendingAnswers;
+        pendingAnswers = 0;
+        level = answerLevel;
+        text = answerText;
+    }
+    for (size_t i = 0; i < count; ++i)
+        Reply(level, text, wait);
 }
 
 Status ProductAgentAsync::SetResponseSink(IProductAgentResponse* sink)
@@ -132,7 +173,7 @@ void ProductAgentAsync::Reply(const std::wstring& level, const std::wstring& tex
 {
     auto call = [this, level, text] {
         journal.Record("productagent -> OnGetUserInfoExAsync \"" + Narrow(level.c_str()) + "\"");
-        UserInfo info(level, text);
+        UserInfo info(journal, level, text);
         sinks.ForEach([&](IProductAgentResponse* sink) { sink->OnGetUserInfoExAsync(&info); });
     };
     replyThread.Dispatch(call, wait);

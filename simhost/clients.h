@@ -152,29 +152,54 @@ private:
     HostThread thread;
 };
 
-// The user information lent to OnGetUserInfoExAsync.
+// The user information lent to OnGetUserInfoExAsync; records when its
+// second text is asked for.
 class UserInfo final : public IUserInfo
 {
 public:
-    UserInfo(std::wstring level, std::wstring text) : level(std::move(level)), text(std::move(text)) {}
+    UserInfo(Journal& journal, std::wstring level, std::wstring text)
+        : journal(journal), level(std::move(level)), text(std::move(text))
+    {
+    }
 
     void Reserved1() override {}
-    const wchar_t* GetOrganizationText() override { return text.c_str(); }
+    const wchar_t* GetOrganizationText() override
+    {
+        journal.Record("userinfo.GetOrganizationText");
+        return text.c_str();
+    }
     void Reserved2() override {}
     const wchar_t* GetOrganizationLevel() override { return level.c_str(); }
 
 private:
+    Journal& journal;
     std::wstring level;
     std::wstring text;
 };
 
 class ProductAgentClient;
 
+// When the product agent answers a GetUserInfoExAsync request by itself.
+enum class AnswerTiming
+{
+    Never, // requests are recorded only; replies come from Reply
+    Early, // at once on the reply thread, before GetUserInfoExAsync returns
+    Late,  // held until AnswerPending
+};
+
 // The asynchronous side of "productagentcommclient", reached by QueryInterface.
 class ProductAgentAsync final : public IProductAgentCommClientAsync
 {
 public:
     explicit ProductAgentAsync(Journal& journal) : journal(journal) {}
+
+    // How later requests are answered, with this level and second text.
+    void SetAnswer(const std::wstring& level, const std::wstring& text, AnswerTiming timing);
+    // Requests held back by a Late answer.
+    size_t PendingAnswers() const;
+    // Answers every request held back so far, each on the reply thread; with
+    // wait, returns when the sinks have run.
+    void AnswerPending(bool wait = true);
 
     void Reserved1() override {}
     Status GetUserInfoExAsync() override;
@@ -192,6 +217,11 @@ public:
 
 private:
     Journal& journal;
+    mutable std::mutex answerMutex;
+    std::wstring answerLevel;
+    std::wstring answerText;
+    AnswerTiming answerTiming = AnswerTiming::Never;
+    size_t pendingAnswers = 0;
     SinkList<IProductAgentResponse> sinks;
     HostThread replyThread;
 };

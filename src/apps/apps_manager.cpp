@@ -11,3 +11,8 @@ void CAppsManager::CheckApps()
 {
     TraceScope trace(L"CAppsManager::CheckApps");
 }
+
+void CAppsManager::EnableVpn()
+{
+    TraceScope trace(L"CAppsManager::EnableVpn");
+}

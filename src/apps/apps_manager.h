@@ -14,6 +14,9 @@ public:
 
     // The check of the companion applications; it has no work yet.
     void CheckApps();
+    // Switches the VPN on when the product carries it; run when the account
+    // leaves a managed organisation.
+    void EnableVpn();
 
 private:
     CLogDLLRef logRef;

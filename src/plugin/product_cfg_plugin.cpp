@@ -185,18 +185,6 @@ void CProductConfigurationPlg::OnServiceStatusChanged(uint32_t service, uint32_t
         _PostDelayedLoad();
 }
 
-void CProductConfigurationPlg::OnSessionChange(uint32_t /*time*/, uint32_t /*event*/, void* /*info*/)
-{
-}
-
-void CProductConfigurationPlg::OnUserInfoChanged()
-{
-}
-
-void CProductConfigurationPlg::OnGetUserInfoExAsync(IUserInfo* /*info*/)
-{
-}
-
 void CProductConfigurationPlg::_DelayedLoad()
 {
     TraceScope trace(L"CProductConfigurationPlg::_DelayedLoad");
