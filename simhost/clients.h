@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <map>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -226,11 +227,44 @@ private:
     HostThread replyThread;
 };
 
+// A module that GetModuleInfo hands out: a snapshot of its connect state,
+// counting its Release in the client.
+class ModuleInfo final : public IModuleInfo
+{
+public:
+    ModuleInfo(Journal& journal, std::atomic<size_t>& released, std::string appId, uint32_t state)
+        : journal(journal), released(released), appId(std::move(appId)), state(state)
+    {
+    }
+
+    void Reserved1() override {}
+    void Release() override;
+    void Reserved2() override {}
+    uint32_t GetConnectAppState() override;
+
+private:
+    Journal& journal;
+    std::atomic<size_t>& released;
+    std::string appId;
+    uint32_t state;
+};
+
 // "productagentcommclient".
 class ProductAgentClient final : public IProductAgentCommClient
 {
 public:
     explicit ProductAgentClient(Journal& journal) : journal(journal), async(journal) {}
+
+    // The module under appId with its connect state (1: off); GetModuleInfo
+    // of any other identifier fails with ERROR_NOT_FOUND.
+    void SetModule(const std::wstring& appId, uint32_t state);
+    // The state now, or -1 for an unknown module.
+    int64_t ModuleState(const std::wstring& appId) const;
+    // SetConnectAppState gives status (0: works and changes the state).
+    void FailSetConnectAppState(Status status) { setStateFailure = status; }
+    // Module objects handed out and released so far.
+    size_t ModulesHandedOut() const { return handedOut; }
+    size_t ModulesReleased() const { return released; }
 
     // Whether QueryInterface gives the asynchronous interface.
     void SetAsyncAvailable(bool available) { asyncAvailable = available; }
@@ -254,6 +288,11 @@ public:
 private:
     Journal& journal;
     std::atomic<bool> asyncAvailable{true};
+    mutable std::mutex moduleMutex;
+    std::map<std::wstring, uint32_t> modules;
+    std::atomic<Status> setStateFailure{0};
+    std::atomic<size_t> handedOut{0};
+    std::atomic<size_t> released{0};
     ProductAgentAsync async;
     SinkList<IProductAgentEvents> sinks;
     HostThread thread;

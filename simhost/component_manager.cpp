@@ -16,6 +16,14 @@ void ComponentManager::Fail(const std::wstring& name, Status status)
 {
     std::lock_guard<std::mutex> lock(mutex);
     entries[name].failure = status;
+    entries[name].failFrom = 1;
+}
+
+void ComponentManager::FailFrom(const std::wstring& name, size_t nth, Status status)
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    entries[name].failure = status;
+    entries[name].failFrom = nth;
 }
 
 Status ComponentManager::GetComponent(const wchar_t* name, const InterfaceId& id, void** out)
@@ -27,7 +35,7 @@ Status ComponentManager::GetComponent(const wchar_t* name, const InterfaceId& id
         auto it = name != nullptr ? entries.find(name) : entries.end();
         if (it == entries.end() || it->second.object == nullptr)
             status = ERROR_NOT_FOUND;
-        else if (it->second.failure != 0)
+        else if (it->second.failure != 0 && it->second.requested + 1 >= it->second.failFrom)
             status = it->second.failure;
         else if (it->second.id != id)
             status = ERROR_INVALID_PARAMETER; // asked under the wrong identifier

@@ -22,6 +22,9 @@ public:
     void Register(const std::wstring& name, const InterfaceId& id, void* object);
     // Every later GetComponent(name) gives status; 0 clears the failure.
     void Fail(const std::wstring& name, Status status);
+    // The request for name numbered nth (from 1) and every later one give
+    // status, the earlier ones succeed.
+    void FailFrom(const std::wstring& name, size_t nth, Status status);
 
     Status GetComponent(const wchar_t* name, const InterfaceId& id, void** out) override;
     Status ReleaseComponent(const wchar_t* name) override;
@@ -41,6 +44,7 @@ private:
         InterfaceId id{};
         void* object = nullptr;
         Status failure = 0;
+        size_t failFrom = 1; // number of the first request that fails
         size_t requested = 0;
         size_t acquired = 0;
         size_t released = 0;

@@ -124,16 +124,30 @@ TEST_F(PluginTest, InitFailuresGiveTheirStatusAndGiveBackWhatWasAcquired)
 TEST_F(PluginTest, InitAcquiresAllFiveAndUnInitGivesThemBackOnce)
 {
     ASSERT_EQ(plugin->Init(host.get()), 0u);
+    // The plugin's five, in order; the apps manager's two come last.
+    std::vector<std::string> order = host->components.Order();
+    ASSERT_GE(order.size(), 7u);
+    EXPECT_EQ(std::vector<std::string>(order.begin(), order.begin() + 5),
+              (std::vector<std::string>{"+SubscriptionCommClient", "+sessionchange", "+productinfo",
+                                        "+QmServiceStatusClient", "+productagentcommclient"}));
+    EXPECT_EQ(std::vector<std::string>(order.end() - 2, order.end()),
+              (std::vector<std::string>{"+productinfo", "+productagentcommclient"}));
     for (const std::string& name : kAllFive)
     {
-        EXPECT_EQ(host->components.Acquired(Wide(name)), 1u) << name;
+        EXPECT_GE(host->components.Acquired(Wide(name)), 1u) << name;
         EXPECT_EQ(host->components.Released(Wide(name)), 0u) << name;
     }
     EXPECT_EQ(host->queue.LiveSerialExecutions(), 1u);
+    const size_t acquired = order.size();
     plugin->UnInit();
     plugin->UnInit();
+    // UnInit gives the apps manager's back first.
+    order = host->components.Order();
+    ASSERT_GE(order.size(), acquired + 2);
+    EXPECT_EQ(order[acquired], "-productagentcommclient");
+    EXPECT_EQ(order[acquired + 1], "-productinfo");
     for (const std::string& name : kAllFive)
-        EXPECT_EQ(host->components.Released(Wide(name)), 1u) << name;
+        EXPECT_EQ(host->components.Released(Wide(name)), host->components.Acquired(Wide(name))) << name;
     EXPECT_EQ(host->components.Outstanding(), 0);
 }
 

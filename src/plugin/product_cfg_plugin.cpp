@@ -100,6 +100,11 @@ Status CProductConfigurationPlg::Init(IServMain* servMain)
         return fail(status);
     }
 
+    // CAppsManager logs its own failures.
+    status = appsManager.Init(static_cast<IProductCfgInternal*>(this), manager);
+    if (status != 0)
+        return fail(status);
+
     productCfgDelayMs = _GetDelay();
     return 0;
 }
@@ -107,6 +112,7 @@ Status CProductConfigurationPlg::Init(IServMain* servMain)
 void CProductConfigurationPlg::UnInit()
 {
     TraceScope trace(L"CProductConfigurationPlg::UnInit");
+    appsManager.UnInit();
     serviceStatusClient.Reset();
     subscriptionClient.Reset();
     sessionClient.Reset();
