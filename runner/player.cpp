@@ -99,6 +99,7 @@ ExitStatus Player::Play()
         const size_t refreshesBefore = host.ledger.ReceivedCount("_OnSubscriptionChanged");
         const bool markerBefore = MarkerThere();
         std::visit([this](const auto& action) { Run(action); }, step.action);
+        AnswerLateRequests();
         ReportLaunches();
         WaitIdle("after step " + std::to_string(i));
         ReportWsc(host.ledger.ReceivedCount("_OnSubscriptionChanged") != refreshesBefore ||
@@ -166,6 +167,14 @@ bool Player::SetUp()
     host.productAgent.SetAsyncAvailable(scenario.productAgentAsync);
     if (!scenario.productAgentAsync)
         Say("productagentcommclient offers no IProductAgentCommClientAsync");
+    if (scenario.userInfoAnswer)
+    {
+        const scenario::UserInfoAnswer& answer = *scenario.userInfoAnswer;
+        host.productAgent.Async().SetAnswer(answer.level, answer.text,
+                                            answer.early ? sim::AnswerTiming::Early : sim::AnswerTiming::Late);
+        Say("productagent answers GetUserInfoExAsync with level \"" + Narrow(answer.level) + "\", text \"" +
+            Narrow(answer.text) + "\", " + (answer.early ? "before the request returns" : "after the step"));
+    }
     if (scenario.subscription)
     {
         host.subscription.SetRecord(HostRecord(*scenario.subscription));
@@ -475,6 +484,16 @@ void Player::CheckTeardown()
     }
     for (const std::string& problem : problems)
         Fail("after teardown: " + problem);
+}
+
+void Player::AnswerLateRequests()
+{
+    if (host.productAgent.Async().PendingAnswers() == 0)
+        return;
+    WaitIdle("before the product agent's answer");
+    Say("# the product agent answers the requests of this step");
+    SerialHold hold(host);
+    host.productAgent.Async().AnswerPending();
 }
 
 void Player::WaitIdle(const std::string& when)

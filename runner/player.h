@@ -82,6 +82,8 @@ private:
     void TearDown();
     void CheckTeardown();
     void WaitIdle(const std::string& when);
+    // Delivers the product agent's answers held back during the step.
+    void AnswerLateRequests();
     // Prints the starts of ProductCfg.exe recorded since the last call.
     void ReportLaunches();
     // Installs "wscsvc" as the scenario asks; false when it cannot.

@@ -334,6 +334,24 @@ void ReadMissingSetting(FieldReader& top, Scenario& out)
         top.Fail("missing_setting", "unknown answer \"" + how + "\" (expected one of: null, <error-not-found>)");
 }
 
+UserInfoAnswer ReadUserInfoAnswer(FieldReader& fields)
+{
+    UserInfoAnswer answer;
+    fields.OnlyKeys({"level", "text", "when"});
+    fields.WideText("level", answer.level, Need::Required);
+    fields.WideText("text", answer.text, Need::Optional);
+    std::string when = "late";
+    fields.Text("when", when, Need::Optional);
+    if (fields.Ok())
+    {
+        if (when == "early")
+            answer.early = true;
+        else if (when != "late")
+            fields.Fail("when", "unknown timing \"" + when + "\" (expected one of: early, late)");
+    }
+    return answer;
+}
+
 void ReadFailComponents(FieldReader& top, Scenario& out, std::string& error)
 {
     const picojson::value* map = top.Find("fail_components");
@@ -440,8 +458,8 @@ ParseResult ParseScenario(const std::string& text)
     std::string& error = result.error;
     FieldReader top(root, std::string(), error);
     top.OnlyKeys({"description", "settings", "missing_setting", "registry", "host_service_status",
-                  "fail_components", "fail_serial_execution", "product_agent_async", "null_component_manager",
-                  "null_event_queue", "subscription", "wscsvc", "steps"});
+                  "fail_components", "fail_serial_execution", "product_agent_async", "user_info_answer",
+                  "null_component_manager", "null_event_queue", "subscription", "wscsvc", "steps"});
     top.Text("description", scenario.description, Need::Optional);
     ReadSettings(top, scenario, error);
     ReadMissingSetting(top, scenario);
@@ -450,6 +468,8 @@ ParseResult ParseScenario(const std::string& text)
     ReadFailComponents(top, scenario, error);
     top.Uint32("fail_serial_execution", scenario.failSerialExecution, Need::Optional);
     top.Bool("product_agent_async", scenario.productAgentAsync, Need::Optional);
+    top.Object("user_info_answer", Need::Optional, "an answer of the product agent",
+               [&](FieldReader& answer) { scenario.userInfoAnswer = ReadUserInfoAnswer(answer); });
     top.Bool("null_component_manager", scenario.nullComponentManager, Need::Optional);
     top.Bool("null_event_queue", scenario.nullEventQueue, Need::Optional);
     top.Object("subscription", Need::Optional, "a subscription record",

@@ -91,6 +91,19 @@ struct SubscriptionRecord
 
 constexpr size_t kMaxSubscriptionTextBytes = 199;
 
+// How the product agent answers each GetUserInfoExAsync by itself.
+struct UserInfoAnswer
+{
+    std::wstring level;
+    std::wstring text;
+    bool early = false; // before the request returns; else after the step that made it
+
+    bool operator==(const UserInfoAnswer& o) const
+    {
+        return level == o.level && text == o.text && early == o.early;
+    }
+};
+
 // Step kinds. Each is a plain record; adding a kind means a record here, an
 // entry in the parser's table and an overload in the player.
 struct InitStep // QmCreateObject (if no object yet) and Init
@@ -202,6 +215,8 @@ struct Scenario
     std::map<std::wstring, uint32_t> failComponents; // name -> status of GetComponent
     uint32_t failSerialExecution = 0;                // status of CreateSerialExecution; 0: works
     bool productAgentAsync = true;
+    // Absent: requests get no answer but the steps' replies.
+    std::optional<UserInfoAnswer> userInfoAnswer;
     bool nullComponentManager = false;
     bool nullEventQueue = false;
     // What GetSubscription of "SubscriptionCommClient" fills in; absent: the

@@ -120,7 +120,48 @@ void ServiceStatusClient::Deliver(uint32_t service, uint32_t status, bool wait)
 Status ProductAgentAsync::GetUserInfoExAsync()
 {
     journal.Record("productagent.GetUserInfoExAsync");
+    std::wstring level, text;
+    {
+        std::lock_guard<std::mutex> lock(answerMutex);
+        if (answerTiming == AnswerTiming::Late)
+            ++pendingAnswers;
+        if (answerTiming != AnswerTiming::Early)
+            return 0;
+        level = answerLevel;
+        text = answerText;
+    }
+    // Waiting on the reply thread from the reply thread would never end.
+    Reply(level, text, !replyThread.IsCurrent());
     return 0;
+}
+
+void ProductAgentAsync::SetAnswer(const std::wstring& level, const std::wstring& text, AnswerTiming timing)
+{
+    std::lock_guard<std::mutex> lock(answerMutex);
+    answerLevel = level;
+    answerText = text;
+    answerTiming = timing;
+}
+
+size_t ProductAgentAsync::PendingAnswers() const
+{
+    std::lock_guard<std::mutex> lock(answerMutex);
+    return pendingAnswers;
+}
+
+void ProductAgentAsync::AnswerPending(bool wait)
+{
+    size_t count = 0;
+    std::wstring level, text;
+    {
+        std::lock_guard<std::mutex> lock(answerMutex);
+        count = pendingAnswers;
+        pendingAnswers = 0;
+        level = answerLevel;
+        text = answerText;
+    }
+    for (size_t i = 0; i < count; ++i)
+        Reply(level, text, wait);
 }
 
 Status ProductAgentAsync::SetResponseSink(IProductAgentResponse* sink)
@@ -141,7 +182,7 @@ void ProductAgentAsync::Reply(const std::wstring& level, const std::wstring& tex
 {
     auto call = [this, level, text] {
         journal.Record("productagent -> OnGetUserInfoExAsync \"" + Narrow(level.c_str()) + "\"");
-        UserInfo info(level, text);
+        UserInfo info(journal, level, text);
         sinks.ForEach([&](IProductAgentResponse* sink) { sink->OnGetUserInfoExAsync(&info); });
     };
     replyThread.Dispatch(call, wait);
@@ -154,18 +195,72 @@ void* ProductAgentClient::QueryInterface(const InterfaceId& id)
     return available ? static_cast<IProductAgentCommClientAsync*>(&async) : nullptr;
 }
 
+void ModuleInfo::Release()
+{
+    journal.Record("module.Release " + appId);
+    ++released;
+    delete this;
+}
+
+uint32_t ModuleInfo::GetConnectAppState()
+{
+    journal.Record("module.GetConnectAppState " + appId + " -> " + std::to_string(state));
+    return state;
+}
+
+void ProductAgentClient::SetModule(const std::wstring& appId, uint32_t state)
+{
+    std::lock_guard<std::mutex> lock(moduleMutex);
+    modules[appId] = state;
+}
+
+int64_t ProductAgentClient::ModuleState(const std::wstring& appId) const
+{
+    std::lock_guard<std::mutex> lock(moduleMutex);
+    const auto found = modules.find(appId);
+    return found == modules.end() ? -1 : static_cast<int64_t>(found->second);
+}
+
 Status ProductAgentClient::GetModuleInfo(const wchar_t* appId, IModuleInfo** out)
 {
-    journal.Record("productagentcommclient.GetModuleInfo " + Narrow(appId));
-    if (out != nullptr)
-        *out = nullptr;
-    return ERROR_NOT_FOUND;
+    const std::string id = Narrow(appId);
+    Status status = ERROR_NOT_FOUND;
+    {
+        std::lock_guard<std::mutex> lock(moduleMutex);
+        if (out == nullptr || appId == nullptr)
+        {
+            status = ERROR_INVALID_PARAMETER;
+        }
+        else
+        {
+            *out = nullptr;
+            const auto found = modules.find(appId);
+            if (found != modules.end())
+            {
+                *out = new ModuleInfo(journal, released, id, found->second);
+                ++handedOut;
+                status = 0;
+            }
+        }
+    }
+    journal.Record("productagentcommclient.GetModuleInfo " + id + " -> " + std::to_string(status));
+    return status;
 }
 
 Status ProductAgentClient::SetConnectAppState(const wchar_t* appId, bool on)
 {
-    journal.Record("productagentcommclient.SetConnectAppState " + Narrow(appId) + (on ? " on" : " off"));
-    return 0;
+    Status status = setStateFailure;
+    {
+        std::lock_guard<std::mutex> lock(moduleMutex);
+        const auto found = appId != nullptr ? modules.find(appId) : modules.end();
+        if (status == 0 && found == modules.end())
+            status = ERROR_NOT_FOUND;
+        if (status == 0)
+            found->second = on ? 0 : 1;
+    }
+    journal.Record("productagentcommclient.SetConnectAppState " + Narrow(appId) + (on ? " on" : " off") + " -> " +
+                   std::to_string(status));
+    return status;
 }
 
 Status ProductAgentClient::Subscribe(IProductAgentEvents* sink)

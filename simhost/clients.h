@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <map>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -155,29 +156,54 @@ private:
     HostThread thread;
 };
 
-// The user information lent to OnGetUserInfoExAsync.
+// The user information lent to OnGetUserInfoExAsync; records when its
+// second text is asked for.
 class UserInfo final : public IUserInfo
 {
 public:
-    UserInfo(std::wstring level, std::wstring text) : level(std::move(level)), text(std::move(text)) {}
+    UserInfo(Journal& journal, std::wstring level, std::wstring text)
+        : journal(journal), level(std::move(level)), text(std::move(text))
+    {
+    }
 
     void Reserved1() override {}
-    const wchar_t* GetOrganizationText() override { return text.c_str(); }
+    const wchar_t* GetOrganizationText() override
+    {
+        journal.Record("userinfo.GetOrganizationText");
+        return text.c_str();
+    }
     void Reserved2() override {}
     const wchar_t* GetOrganizationLevel() override { return level.c_str(); }
 
 private:
+    Journal& journal;
     std::wstring level;
     std::wstring text;
 };
 
 class ProductAgentClient;
 
+// When the product agent answers a GetUserInfoExAsync request by itself.
+enum class AnswerTiming
+{
+    Never, // requests are recorded only; replies come from Reply
+    Early, // at once on the reply thread, before GetUserInfoExAsync returns
+    Late,  // held until AnswerPending
+};
+
 // The asynchronous side of "productagentcommclient", reached by QueryInterface.
 class ProductAgentAsync final : public IProductAgentCommClientAsync
 {
 public:
     explicit ProductAgentAsync(Journal& journal) : journal(journal) {}
+
+    // How later requests are answered, with this level and second text.
+    void SetAnswer(const std::wstring& level, const std::wstring& text, AnswerTiming timing);
+    // Requests held back by a Late answer.
+    size_t PendingAnswers() const;
+    // Answers every request held back so far, each on the reply thread; with
+    // wait, returns when the sinks have run.
+    void AnswerPending(bool wait = true);
 
     void Reserved1() override {}
     Status GetUserInfoExAsync() override;
@@ -195,8 +221,35 @@ public:
 
 private:
     Journal& journal;
+    mutable std::mutex answerMutex;
+    std::wstring answerLevel;
+    std::wstring answerText;
+    AnswerTiming answerTiming = AnswerTiming::Never;
+    size_t pendingAnswers = 0;
     SinkList<IProductAgentResponse> sinks;
     HostThread replyThread;
+};
+
+// A module that GetModuleInfo hands out: a snapshot of its connect state,
+// counting its Release in the client.
+class ModuleInfo final : public IModuleInfo
+{
+public:
+    ModuleInfo(Journal& journal, std::atomic<size_t>& released, std::string appId, uint32_t state)
+        : journal(journal), released(released), appId(std::move(appId)), state(state)
+    {
+    }
+
+    void Reserved1() override {}
+    void Release() override;
+    void Reserved2() override {}
+    uint32_t GetConnectAppState() override;
+
+private:
+    Journal& journal;
+    std::atomic<size_t>& released;
+    std::string appId;
+    uint32_t state;
 };
 
 // "productagentcommclient".
@@ -204,6 +257,17 @@ class ProductAgentClient final : public IProductAgentCommClient
 {
 public:
     explicit ProductAgentClient(Journal& journal) : journal(journal), async(journal) {}
+
+    // The module under appId with its connect state (1: off); GetModuleInfo
+    // of any other identifier fails with ERROR_NOT_FOUND.
+    void SetModule(const std::wstring& appId, uint32_t state);
+    // The state now, or -1 for an unknown module.
+    int64_t ModuleState(const std::wstring& appId) const;
+    // SetConnectAppState gives status (0: works and changes the state).
+    void FailSetConnectAppState(Status status) { setStateFailure = status; }
+    // Module objects handed out and released so far.
+    size_t ModulesHandedOut() const { return handedOut; }
+    size_t ModulesReleased() const { return released; }
 
     // Whether QueryInterface gives the asynchronous interface.
     void SetAsyncAvailable(bool available) { asyncAvailable = available; }
@@ -227,6 +291,11 @@ public:
 private:
     Journal& journal;
     std::atomic<bool> asyncAvailable{true};
+    mutable std::mutex moduleMutex;
+    std::map<std::wstring, uint32_t> modules;
+    std::atomic<Status> setStateFailure{0};
+    std::atomic<size_t> handedOut{0};
+    std::atomic<size_t> released{0};
     ProductAgentAsync async;
     SinkList<IProductAgentEvents> sinks;
     HostThread thread;

@@ -19,6 +19,11 @@ void ComponentManager::Fail(const std::wstring& name, Status status, size_t succ
     entries[name].succeedFirst = succeedFirst;
 }
 
+void ComponentManager::FailFrom(const std::wstring& name, size_t nth, Status status)
+{
+    Fail(name, status, nth > 0 ? nth - 1 : 0);
+}
+
 Status ComponentManager::GetComponent(const wchar_t* name, const InterfaceId& id, void** out)
 {
     Status status = 0;

@@ -23,6 +23,9 @@ public:
     // Every later GetComponent(name) gives status, after the first
     // succeedFirst of them have succeeded; status 0 clears the failure.
     void Fail(const std::wstring& name, Status status, size_t succeedFirst = 0);
+    // The request for name numbered nth (from 1) and every later one give
+    // status, the earlier ones succeed.
+    void FailFrom(const std::wstring& name, size_t nth, Status status);
 
     Status GetComponent(const wchar_t* name, const InterfaceId& id, void** out) override;
     Status ReleaseComponent(const wchar_t* name) override;

@@ -142,19 +142,23 @@ TEST_F(PluginTest, InitFailuresGiveTheirStatusAndGiveBackWhatWasAcquired)
 TEST_F(PluginTest, InitAcquiresInOrderAndUnInitGivesBackOnceMembersFirst)
 {
     ASSERT_EQ(plugin->Init(host.get()), 0u);
-    // The five, then the Security Center handler's "productinfo", then
-    // CBootstrap's "productinfo" and "connect_integrator".
+    // The five, then the Security Center handler's "productinfo", CBootstrap's
+    // "productinfo" and "connect_integrator", the apps manager's
+    // "productinfo" and "productagentcommclient".
     Strings expected;
     for (const std::string& name : kAllFive)
         expected.push_back("+" + name);
-    for (const char* name : {"+productinfo", "+productinfo", "+connect_integrator"})
+    for (const char* name : {"+productinfo", "+productinfo", "+connect_integrator", "+productinfo",
+                             "+productagentcommclient"})
         expected.push_back(name);
     EXPECT_EQ(host->components.Order(), expected);
     EXPECT_EQ(host->queue.LiveSerialExecutions(), 1u);
     plugin->UnInit();
     plugin->UnInit();
-    // Members first (CBootstrap, then the handler), then the plugin's own.
-    for (const char* name : {"-connect_integrator", "-productinfo", "-productinfo"})
+    // Members first (the apps manager, CBootstrap, the handler), then the
+    // plugin's own.
+    for (const char* name : {"-productagentcommclient", "-productinfo", "-connect_integrator", "-productinfo",
+                             "-productinfo"})
         expected.push_back(name);
     for (const std::string& name : kReleaseOrder)
         expected.push_back("-" + name);

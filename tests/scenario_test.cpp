@@ -43,7 +43,7 @@ TEST(ScenarioParse, RefusesMalformedInputWithPlaceAndExpectation)
         {"[1]", "the scenario: expected an object, found a list"},
         {"{\"stepz\": []}", "stepz: unknown key (expected one of: description, settings, missing_setting, registry, "
                             "host_service_status, fail_components, fail_serial_execution, product_agent_async, "
-                            "null_component_manager, null_event_queue, subscription, wscsvc, steps)"},
+                            "user_info_answer, null_component_manager, null_event_queue, subscription, wscsvc, steps)"},
         {"{\"wscsvc\": \"paused\", \"steps\": []}",
          "wscsvc: unknown state \"paused\" (expected one of: stopped, running, start_pending)"},
         {"{}", "steps: missing (expected a list of steps)"},
@@ -51,6 +51,8 @@ TEST(ScenarioParse, RefusesMalformedInputWithPlaceAndExpectation)
         {"{\"host_service_status\": 4294967296, \"steps\": []}",
          "host_service_status: expected a whole number from 0 to 4294967295, found 4294967296"},
         {"{\"product_agent_async\": 1, \"steps\": []}", "product_agent_async: expected true or false, found a number"},
+        {"{\"user_info_answer\": {\"level\": \"1\", \"when\": \"soon\"}, \"steps\": []}",
+         "user_info_answer.when: unknown timing \"soon\" (expected one of: early, late)"},
         {"{\"missing_setting\": \"none\", \"steps\": []}",
          "missing_setting: unknown answer \"none\" (expected one of: null, <error-not-found>)"},
         // Settings, registry values and failing components.
@@ -137,6 +139,7 @@ TEST(ScenarioParse, ValidScenarioBecomesTheRecord)
       "fail_components": {"productinfo": 5, "connect_integrator": 1168},
       "fail_serial_execution": 8,
       "product_agent_async": false,
+      "user_info_answer": {"level": "null", "text": " ", "when": "early"},
       "null_component_manager": true,
       "null_event_queue": true,
       "subscription": {"key_type": -2147483648, "product_type": 3, "server_product_type": 2147483647,
@@ -177,6 +180,7 @@ TEST(ScenarioParse, ValidScenarioBecomesTheRecord)
     EXPECT_EQ(s.failComponents, (std::map<std::wstring, uint32_t>{{L"productinfo", 5}, {L"connect_integrator", 1168}}));
     EXPECT_EQ(s.failSerialExecution, 8u);
     EXPECT_FALSE(s.productAgentAsync);
+    EXPECT_EQ(s.userInfoAnswer, (UserInfoAnswer{L"null", L" ", true}));
     EXPECT_TRUE(s.nullComponentManager);
     EXPECT_TRUE(s.nullEventQueue);
     EXPECT_EQ(s.wscsvc, scenario::Wscsvc::StartPending);

@@ -108,6 +108,11 @@ Status CProductConfigurationPlg::Init(IServMain* servMain)
     if (status != 0)
         return fail(status);
 
+    // CAppsManager logs its own failures.
+    status = appsManager.Init(static_cast<IProductCfgInternal*>(this), manager);
+    if (status != 0)
+        return fail(status);
+
     productCfgDelayMs = _GetDelay();
     return 0;
 }
@@ -115,6 +120,7 @@ Status CProductConfigurationPlg::Init(IServMain* servMain)
 void CProductConfigurationPlg::UnInit()
 {
     TraceScope trace(L"CProductConfigurationPlg::UnInit");
+    appsManager.UnInit();
     bootstrap.UnInit();
     wscHandler.UnInit();
     serviceStatusClient.Reset();
@@ -194,18 +200,6 @@ void CProductConfigurationPlg::OnServiceStatusChanged(uint32_t service, uint32_t
     TraceScope trace(L"CProductConfigurationPlg::OnServiceStatusChanged");
     if (service == 0 && status == 1)
         _PostDelayedLoad();
-}
-
-void CProductConfigurationPlg::OnSessionChange(uint32_t /*time*/, uint32_t /*event*/, void* /*info*/)
-{
-}
-
-void CProductConfigurationPlg::OnUserInfoChanged()
-{
-}
-
-void CProductConfigurationPlg::OnGetUserInfoExAsync(IUserInfo* /*info*/)
-{
 }
 
 void CProductConfigurationPlg::_DelayedLoad()

@@ -11,6 +11,7 @@
 
 #include "apps/apps_manager.h"
 #include "bootstrap/bootstrap.h"
+#include "config/product_cfg_internal.h"
 #include "config/run_decision.h"
 #include "config/subscription_data.h"
 #include "host/components.h"
@@ -32,6 +33,7 @@ constexpr wchar_t kPluginName[] = L"productconfigplg";
 class CProductConfigurationPlg : public IServPlugin,
                                  public ISubscriptionEvents,
                                  public ISessionChangeEvents,
+                                 public IProductCfgInternal,
                                  public IServiceStatusObserver,
                                  public IProductAgentEvents,
                                  public IProductAgentResponse
@@ -59,15 +61,23 @@ public:
     void OnSubscriptionStatusChanged(const SubscriptionData* data) override;
     // ISessionChangeEvents
     QM_IMPLEMENTS_DESTRUCTOR_SLOT(CProductConfigurationPlg)
+    // Logs the event; a logon with its session information (event 5) posts
+    // "Async_StartProductCfgTimer", every other event ends there.
     void OnSessionChange(uint32_t time, uint32_t event, void* info) override;
+    // IProductCfgInternal
+    std::string GetBundleId() override;
+    int32_t GetServerProductType() override;
+    bool IsMsp() override;
     // IServiceStatusObserver: (0, 1) posts _DelayedLoad; others are ignored.
     void OnServiceStatusChanged(uint32_t service, uint32_t status) override;
-    // IProductAgentEvents
+    // IProductAgentEvents: asks the product agent for the user information.
     void OnUserInfoChanged() override;
     void Unused1() override {}
     // IProductAgentResponse
     void Unused2() override {}
     void Unused3() override {}
+    // On the product agent's reply thread: a changed organisation flag goes
+    // to the registry and the status block, and may start a run.
     void OnGetUserInfoExAsync(IUserInfo* info) override;
     void Unused4() override {}
 
@@ -78,6 +88,7 @@ private:
                             const SubscriptionData&, bool>;
     using AppsCheckItem = EqWorkItemMember0<void, CAppsManager>;
     using ProductCfgTimerItem = EqWorkItemMember0<void, CProductConfigurationPlg>;
+    using EnableVpnItem = EqWorkItemMember0<void, CProductConfigurationPlg>;
 
     // A subscription record on the serial execution: firstLoad is true for
     // the one record _DelayedLoad fetches, false for every event.
@@ -116,6 +127,13 @@ private:
     uint32_t _WaitIfProcessIsRunning();
     uint32_t _ExecuteProcessInSession(uint32_t dwSessionId, bool bSystem, const wchar_t* parameters);
 
+    // Whether msp_configured under the product key is present and not 0.
+    bool _IsProductConfiguredForMsp();
+    // Writes msp_configured as 1, or deletes it; logs the result.
+    void _ChangeMspFlagInRegistry(bool msp);
+    // Body of "EnableVpn" on the serial execution.
+    void _EnableVpn();
+
     // Runs once in the object's life, on the serial execution: registers the
     // sinks and asks for the user information.
     void _DelayedLoad();
@@ -150,6 +168,8 @@ private:
     std::mutex timerMutex;
     std::mutex statusMutex;
     SubscriptionData storedSubscription;
+    // Written by an atomic exchange on the reply thread, read without a lock.
+    std::atomic<bool> isMsp{false};
     bool delayedLoadDone = false;
     // Set first thing in Stop; _DelayedLoad looks at it after registering.
     std::atomic<bool> stopping{false};
