@@ -61,7 +61,7 @@ std::vector<InitCase> InitCases()
          0x80004005u, 0, false, false},
         // An object that comes with a failure is kept all the same, and
         // released by the destructor.
-        {"serial execution refused with an object", "Error creating serial Execution, err: 5",
+        {"serial execution refused with an object", "CProductConfigurationPlg::Init: Error creating serial Execution, err: 5",
          [](sim::Host& h) -> IServMain* {
              h.queue.FailCreateSerialExecution(5, true);
              return &h;
@@ -317,7 +317,7 @@ TEST_F(PluginTest, CBootstrapsFailuresEndInitAfterTheFiveAreAcquired)
         std::string message;
         Strings bootstrapOrder; // its requests and releases, behind the five acquisitions
     } rows[] = {
-        {"productinfo", 1, 1460, "CBootstrap::Init: Serv config, err: 1460", {"!productinfo"}},
+        {"productinfo", 2, 1460, "CBootstrap::Init: Serv config, err: 1460", {"!productinfo"}},
         {"connect_integrator", 0, 5, "CBootstrap::Init: Cloud init failed, err: 5",
          {"+productinfo", "!connect_integrator", "-productinfo"}},
     };
@@ -335,7 +335,11 @@ TEST_F(PluginTest, CBootstrapsFailuresEndInitAfterTheFiveAreAcquired)
         Strings expected;
         for (const std::string& name : kAllFive)
             expected.push_back("+" + name);
+        // The Security Center handler's "productinfo" comes before
+        // CBootstrap's requests and goes back after them.
+        expected.push_back("+productinfo");
         expected.insert(expected.end(), row.bootstrapOrder.begin(), row.bootstrapOrder.end());
+        expected.push_back("-productinfo");
         for (const std::string& name : kReleaseOrder)
             expected.push_back("-" + name);
         EXPECT_EQ(host->components.Order(), expected);
