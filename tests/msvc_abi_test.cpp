@@ -100,6 +100,38 @@ class MsvcAbiTest : public testing::Test
 {
 protected:
     void SetUp() override { ASSERT_TRUE(host.Loaded()) << "msvc_host.dll beside the test"; }
+
+    // QmCreateObject, Init, Start and the _DelayedLoad item, as the host
+    // runs them.
+    void Load()
+    {
+        const std::wstring plugin = BinaryDirectory() + L"ProductCfgPlg.dll";
+        ASSERT_EQ(host.MsvcHost_Create(plugin.c_str()), 0u);
+        EXPECT_EQ(host.MsvcHost_Count("plugin.query_interface.failures"), 0);
+        ASSERT_EQ(host.MsvcHost_Init(), 0u) << host.Journal();
+        ASSERT_EQ(host.MsvcHost_Start(), 0u) << host.Journal();
+        EXPECT_EQ(host.MsvcHost_RunSerial(), 1);
+    }
+
+    // QmDestroyObject after Stop and UnInit; then nothing is left with the
+    // host and nothing was released twice.
+    void Destroy()
+    {
+        host.MsvcHost_Destroy();
+        for (const char* name : {"_DelayedLoad", "_OnSubscriptionChanged", "Async_StartProductCfgTimer",
+                                 "_ProductCfgTimer", "apps_check", "EnableVpn"})
+        {
+            EXPECT_EQ(host.MsvcHost_Count(("release.left:" + std::string(name)).c_str()), 0) << name;
+            EXPECT_EQ(host.MsvcHost_Count(("release.twice:" + std::string(name)).c_str()), 0) << name;
+            EXPECT_EQ(host.MsvcHost_Count(("release:" + std::string(name)).c_str()),
+                      host.MsvcHost_Count(("handed:" + std::string(name)).c_str()))
+                << name;
+        }
+        EXPECT_EQ(host.MsvcHost_Count("run.unknown") + host.MsvcHost_Count("release.unknown"), 0);
+        EXPECT_EQ(host.MsvcHost_Count("timer.bad_handle"), 0) << host.Journal();
+        EXPECT_EQ(host.MsvcHost_Count("post.nonzero") + host.MsvcHost_Count("timer.nonzero"), 0);
+    }
+
     MsvcHost host;
 };
 
@@ -165,14 +197,8 @@ TEST_F(MsvcAbiTest, ARecordTheHostBuiltCopiesWithItsFeatures)
 // slot, and every component is given back.
 TEST_F(MsvcAbiTest, ThePluginLivesItsWholeLifeInTheHost)
 {
-    const std::wstring plugin = BinaryDirectory() + L"ProductCfgPlg.dll";
-    ASSERT_EQ(host.MsvcHost_Create(plugin.c_str()), 0u);
-    EXPECT_EQ(host.MsvcHost_Count("plugin.query_interface.failures"), 0);
-    ASSERT_EQ(host.MsvcHost_Init(), 0u) << host.Journal();
-    ASSERT_EQ(host.MsvcHost_Start(), 0u) << host.Journal();
-
     // _DelayedLoad: posted by Start, run by the host's serial execution.
-    EXPECT_EQ(host.MsvcHost_RunSerial(), 1);
+    Load();
     EXPECT_EQ(host.MsvcHost_Count("run:_DelayedLoad"), 1);
     EXPECT_EQ(host.MsvcHost_Count("release:_DelayedLoad"), 1);
     EXPECT_EQ(host.MsvcHost_Count("subscribe.subscription"), 1);
@@ -192,7 +218,7 @@ TEST_F(MsvcAbiTest, ThePluginLivesItsWholeLifeInTheHost)
     // A record with an account, a server type of its own and a host-made
     // feature list: the companion check and the configuration timer.
     const int32_t features[] = {1, 2, 3};
-    host.MsvcHost_DeliverSubscription("account-1", 5, features, 3);
+    host.MsvcHost_DeliverSubscription("account-1", 5, "", "", features, 3);
     EXPECT_EQ(host.MsvcHost_RunSerial(), 1);
     EXPECT_EQ(host.MsvcHost_Count("run:_OnSubscriptionChanged"), 1);
     EXPECT_EQ(host.MsvcHost_Count("release:_OnSubscriptionChanged"), 1);
@@ -205,7 +231,7 @@ TEST_F(MsvcAbiTest, ThePluginLivesItsWholeLifeInTheHost)
 
     // The next record re-arms the timer: the first is cancelled, waited for,
     // deleted and released, in that order.
-    host.MsvcHost_DeliverSubscription("account-1", 6, features, 0);
+    host.MsvcHost_DeliverSubscription("account-1", 6, "", "", features, 0);
     EXPECT_EQ(host.MsvcHost_RunSerial(), 1);
     EXPECT_EQ(host.MsvcHost_Count("handed:_ProductCfgTimer"), 2);
     EXPECT_EQ(host.MsvcHost_Count("release:_ProductCfgTimer"), 1);
@@ -244,22 +270,57 @@ TEST_F(MsvcAbiTest, ThePluginLivesItsWholeLifeInTheHost)
                   host.MsvcHost_Count(("component.get:" + std::string(name)).c_str()))
             << name;
     }
-    host.MsvcHost_Destroy();
+    Destroy();
+}
 
-    // Nothing was left for the host to release, nothing released twice, and
-    // the host never saw an item it had not been given.
-    const std::string all = host.Journal();
-    for (const char* name : {"_DelayedLoad", "_OnSubscriptionChanged", "Async_StartProductCfgTimer",
-                             "_ProductCfgTimer", "apps_check"})
-    {
-        EXPECT_EQ(host.MsvcHost_Count(("release.left:" + std::string(name)).c_str()), 0) << name;
-        EXPECT_EQ(host.MsvcHost_Count(("release.twice:" + std::string(name)).c_str()), 0) << name;
-        EXPECT_EQ(host.MsvcHost_Count(("release:" + std::string(name)).c_str()),
-                  host.MsvcHost_Count(("handed:" + std::string(name)).c_str()))
-            << name;
-    }
-    EXPECT_EQ(host.MsvcHost_Count("run.unknown") + host.MsvcHost_Count("release.unknown"), 0);
-    EXPECT_EQ(host.MsvcHost_Count("timer.bad_handle"), 0) << all;
-    EXPECT_EQ(host.MsvcHost_Count("post.nonzero") + host.MsvcHost_Count("timer.nonzero"), 0);
+// The companion applications and the cloud through the host's objects: the
+// module objects it hands out, the user information it lends and the status
+// record the cloud client returns by value.
+TEST_F(MsvcAbiTest, CompanionAppsAndTheCloudGoThroughTheHostsObjects)
+{
+    const wchar_t key[] = L"SOFTWARE\\QmMsvcAbiTest";
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, key);
+    const wchar_t config[] = L"AV,VP";
+    ASSERT_EQ(RegSetKeyValueW(HKEY_LOCAL_MACHINE, key, L"Config", REG_SZ, config, sizeof(config)), ERROR_SUCCESS);
+    host.MsvcHost_SetSetting(217, L"Desktop", key);
+    host.MsvcHost_SetSetting(227, L"Desktop", key);
+    host.MsvcHost_SetSetting(44, L"Desktop", L"qm.abi.test");
+    Load();
+
+    // A soho bundle with a new commercial identifier: the companion check
+    // switches both parental controls off and the VPN on, once each, and
+    // gives every module object back.
+    host.MsvcHost_DeliverSubscription("account-1", 5, "bundle.soho", "C1", nullptr, 0);
+    EXPECT_EQ(host.MsvcHost_RunSerial(), 1);
+    EXPECT_EQ(host.MsvcHost_FireTimer(L"apps_check"), 1);
+    EXPECT_EQ(host.MsvcHost_Count("SetConnectAppState.off:qm.abi.familymentor"), 1) << host.Journal();
+    EXPECT_EQ(host.MsvcHost_Count("SetConnectAppState.off:qm.abi.kinguard"), 1);
+    EXPECT_EQ(host.MsvcHost_Count("SetConnectAppState.on:qm.abi.vpn"), 1);
+    EXPECT_EQ(host.MsvcHost_Count("module.handed"), 3);
+    EXPECT_EQ(host.MsvcHost_Count("module.state"), 3);
+    EXPECT_EQ(host.MsvcHost_Count("module.release"), 3);
+
+    // The timer asks the cloud for the new identifier; the host's failure
+    // code comes back through the hidden result pointer.
+    EXPECT_EQ(host.MsvcHost_FireTimer(L"_ProductCfgTimer"), 1);
+    EXPECT_EQ(host.MsvcHost_Count("cloud.request_ok"), 1) << host.Journal();
+    EXPECT_EQ(host.MsvcHost_Count("cloud.request_bad"), 0);
+
+    // Joining and leaving a managed organisation: the second reply gives
+    // the VPN back through the item "EnableVpn"; the level "null" asks for
+    // the second text.
+    host.MsvcHost_AnswerUserInfo(L"1", L"");
+    host.MsvcHost_AnswerUserInfo(L"null", L"");
+    EXPECT_EQ(host.MsvcHost_Count("user_info.level"), 2);
+    EXPECT_EQ(host.MsvcHost_Count("user_info.text"), 1);
+    EXPECT_EQ(host.MsvcHost_RunSerial(), 1);
+    EXPECT_EQ(host.MsvcHost_Count("run:EnableVpn"), 1);
+    EXPECT_EQ(host.MsvcHost_Count("SetConnectAppState.on:qm.abi.vpn"), 2);
+    EXPECT_EQ(host.MsvcHost_Count("module.release"), host.MsvcHost_Count("module.handed"));
+
+    host.MsvcHost_Stop();
+    host.MsvcHost_UnInit();
+    Destroy();
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, key);
 }
 } // namespace

@@ -1,5 +1,6 @@
 #include "simhost/msvc/host_objects.h"
 
+#include "host/cloud_records.h"
 #include "host/subscription_record.h"
 #include "simhost/msvc/host_list.h"
 #include "simhost/msvc/list_check.h"
@@ -187,11 +188,45 @@ void ItemLedger::ReleaseAll()
     }
 }
 
+Settings& SharedSettings()
+{
+    static Settings* settings = new Settings;
+    return *settings;
+}
+
+void Settings::Set(uint32_t number, const wchar_t* section, const wchar_t* value)
+{
+    Guard guard(Shared().lock);
+    if (count == 16)
+        return;
+    settings[count].number = number;
+    CopyText(settings[count].section, 32, section);
+    CopyText(settings[count].value, 260, value);
+    ++count;
+}
+
 const wchar_t* Settings::GetString(uint32_t number, const wchar_t* section)
 {
     Count("GetString", section);
-    (void)number;
+    Guard guard(Shared().lock);
+    for (int i = count - 1; i >= 0; --i)
+    {
+        if (settings[i].number == number && section != nullptr && SameText(settings[i].section, section))
+            return settings[i].value;
+    }
     return L"<error-not-found>";
+}
+
+void ModuleInfo::Release()
+{
+    Count("module.release");
+    delete this;
+}
+
+uint32_t ModuleInfo::GetConnectAppState()
+{
+    Count("module.state");
+    return state;
 }
 
 Status SubscriptionClient::Subscribe(ISubscriptionEvents* events)
@@ -319,15 +354,18 @@ Status AgentClient::GetModuleInfo(const wchar_t* appId, IModuleInfo** out)
 {
     Journal("productagentcommclient.GetModuleInfo", appId);
     Count("GetModuleInfo", appId);
-    *out = nullptr;
-    return 1168;
+    const size_t length = TextLength(appId);
+    const bool vpn = length >= 4 && SameText(appId + length - 4, L".vpn");
+    *out = new ModuleInfo(vpn ? 1u : 0u);
+    Count("module.handed");
+    return 0;
 }
 
 Status AgentClient::SetConnectAppState(const wchar_t* appId, bool on)
 {
     Journal(on ? "productagentcommclient.SetConnectAppState on" : "productagentcommclient.SetConnectAppState off",
             appId);
-    Count("SetConnectAppState", appId);
+    Count(on ? "SetConnectAppState.on" : "SetConnectAppState.off", appId);
     return 0;
 }
 
@@ -348,10 +386,20 @@ Status AgentClient::Unsubscribe(IProductAgentEvents* events)
     return 0;
 }
 
-CloudStatus CloudClient::PerformRequest(CloudRequest&, CloudResponse&, uint32_t flag)
+CloudStatus CloudClient::PerformRequest(CloudRequest& request, CloudResponse&, uint32_t flag)
 {
     Journal("connect_integrator.PerformRequest", nullptr, flag);
     Count("PerformRequest");
+    const auto& record = reinterpret_cast<const CloudRequestRecord&>(request);
+    const char* params = record.Params.text;
+    const char prefix[] = "{\"commercial_details_id\":";
+    bool paramsOk = params != nullptr;
+    for (size_t i = 0; paramsOk && prefix[i] != '\0'; ++i)
+        paramsOk = params[i] == prefix[i];
+    const bool ok = record.Path.text != nullptr && SameText(record.Path.text, "connect/commercial_ids") &&
+                    record.Method.text != nullptr && SameText(record.Method.text, "get_commercial_id_details") &&
+                    record.TimeoutMs == 30000 && record.Reserved == 0 && flag == 1 && paramsOk;
+    Count(ok ? "cloud.request_ok" : "cloud.request_bad");
     return CloudStatus{0, 5};
 }
 
@@ -484,7 +532,7 @@ Status ComponentManager::GetComponent(const wchar_t* name, const InterfaceId& id
     const Known known[] = {
         {L"SubscriptionCommClient", ids::SubscriptionCommClient, static_cast<ISubscriptionCommClient*>(&subscription)},
         {L"sessionchange", ids::SessionChangeClient, static_cast<ISessionChangeClient*>(&session)},
-        {L"productinfo", ids::ServConfig, static_cast<IServConfig*>(&settings)},
+        {L"productinfo", ids::ServConfig, static_cast<IServConfig*>(&SharedSettings())},
         {L"QmServiceStatusClient", ids::ServiceStatusClient, static_cast<IServiceStatusClient*>(&serviceStatus)},
         {L"productagentcommclient", ids::ProductAgentCommClient, static_cast<IProductAgentCommClient*>(&agent)},
         {L"connect_integrator", ids::ConnectIntegrator, static_cast<IConnectIntegrator*>(&cloud)},

@@ -48,6 +48,34 @@ class Settings final : public IServConfig
 public:
     void Reserved1() override {}
     const wchar_t* GetString(uint32_t number, const wchar_t* section) override;
+
+    void Set(uint32_t number, const wchar_t* section, const wchar_t* value);
+
+private:
+    struct Setting
+    {
+        uint32_t number;
+        wchar_t section[32];
+        wchar_t value[260];
+    };
+    Setting settings[16] = {};
+    int count = 0;
+};
+
+// What GetModuleInfo hands out: a module of the host's, switched off (1)
+// for an identifier ending in ".vpn", on (0) for any other; freed by its
+// Release.
+class ModuleInfo final : public IModuleInfo
+{
+public:
+    explicit ModuleInfo(uint32_t state) : state(state) {}
+    void Reserved1() override {}
+    void Release() override;
+    void Reserved2() override {}
+    uint32_t GetConnectAppState() override;
+
+private:
+    uint32_t state;
 };
 
 class SubscriptionClient final : public ISubscriptionCommClient
@@ -123,7 +151,9 @@ public:
     IProductAgentEvents* sink = nullptr;
 };
 
-// Answers every request with the failure code 5 and an untouched response.
+// Checks the request as the record's layout gives it (cloud.request_ok or
+// cloud.request_bad) and answers with the failure code 5 and an untouched
+// response.
 class CloudClient final : public IConnectIntegrator
 {
 public:
@@ -178,13 +208,14 @@ public:
     bool serialHandedOut = false;
 };
 
+Settings& SharedSettings();
+
 class ComponentManager final : public IComponentManager
 {
 public:
     Status GetComponent(const wchar_t* name, const InterfaceId& id, void** out) override;
     Status ReleaseComponent(const wchar_t* name) override;
 
-    Settings settings;
     SubscriptionClient subscription;
     SessionClient session;
     ServiceStatusClient serviceStatus;

@@ -6,6 +6,8 @@
 //   component.get:<name>, component.release:<name>, component.wrong_id:<name>
 //   subscribe.*, unsubscribe.*, observer.*, response.*, serial.*, timer.*
 //   list.exercised, list.failures                the plugin's list, checked in GetSubscription
+//   module.handed, module.state, module.release   module objects of GetModuleInfo
+//   SetConnectAppState.on:<id>, SetConnectAppState.off:<id>, cloud.request_ok, cloud.request_bad
 //   plugin.query_interface.failures               QueryInterface answers that differ from the contract
 #include "simhost/msvc/msvc_host_api.h"
 
@@ -58,6 +60,11 @@ void CheckQueryInterface(IServPlugin* plugin)
 }
 } // namespace
 
+MSVC_HOST_EXPORT void MsvcHost_SetSetting(uint32_t number, const wchar_t* section, const wchar_t* value)
+{
+    msvc::SharedSettings().Set(number, section, value);
+}
+
 MSVC_HOST_EXPORT uint32_t MsvcHost_Create(const wchar_t* pluginPath)
 {
     host = new Host;
@@ -107,6 +114,7 @@ MSVC_HOST_EXPORT void MsvcHost_ReportServiceLoaded(void)
 }
 
 MSVC_HOST_EXPORT void MsvcHost_DeliverSubscription(const char* accountId, int32_t serverProductType,
+                                                    const char* bundleId, const char* commercialId,
                                                     const int32_t* features, int count)
 {
     ISubscriptionEvents* sink = host->main.components.subscription.sink;
@@ -117,6 +125,8 @@ MSVC_HOST_EXPORT void MsvcHost_DeliverSubscription(const char* accountId, int32_
     record->ServerProductType = serverProductType;
     record->Valid = true;
     msvc::CopyText(record->AccountId, kSubscriptionTextChars, accountId);
+    msvc::CopyText(record->BundleId, kSubscriptionTextChars, bundleId);
+    msvc::CopyText(record->CommercialId, kSubscriptionTextChars, commercialId);
     for (int i = 0; i < count; ++i)
         record->Features.Append(static_cast<SubscriptionFeatures>(features[i]));
     sink->OnSubscriptionStatusChanged(reinterpret_cast<const SubscriptionData*>(record));

@@ -14,6 +14,8 @@
 #include <stdint.h>
 
 #define MSVC_HOST_ENTRY_POINTS(X)                                                                                      \
+    /* A product setting GetString gives; every other one is "<error-not-found>". Before MsvcHost_Create. */         \
+    X(void, MsvcHost_SetSetting, (uint32_t number, const wchar_t* section, const wchar_t* value))                     \
     /* LoadLibraryW(pluginPath), QmCreateObject("productconfigplg"); gives its status. */                             \
     X(uint32_t, MsvcHost_Create, (const wchar_t* pluginPath))                                                          \
     X(uint32_t, MsvcHost_Init, (void))                                                                                 \
@@ -22,8 +24,8 @@
     X(int, MsvcHost_RunSerial, (void))                                                                                 \
     X(void, MsvcHost_ReportServiceLoaded, (void))                                                                      \
     /* A subscription record built by the host, with a list of the host's own. */                                     \
-    X(void, MsvcHost_DeliverSubscription, (const char* accountId, int32_t serverProductType, const int32_t* features,  \
-                                          int count))                                                                  \
+    X(void, MsvcHost_DeliverSubscription, (const char* accountId, int32_t serverProductType, const char* bundleId,     \
+                                          const char* commercialId, const int32_t* features, int count))               \
     X(void, MsvcHost_DeliverSessionChange, (uint32_t event, int withInfo))                                             \
     X(void, MsvcHost_DeliverUserInfoChanged, (void))                                                                   \
     X(void, MsvcHost_AnswerUserInfo, (const wchar_t* level, const wchar_t* text))                                      \
