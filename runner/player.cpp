@@ -102,6 +102,7 @@ ExitStatus Player::Play()
         AnswerLateRequests();
         ReportLaunches();
         WaitIdle("after step " + std::to_string(i));
+        ReportModuleChanges();
         ReportWsc(host.ledger.ReceivedCount("_OnSubscriptionChanged") != refreshesBefore ||
                       std::holds_alternative<scenario::StartWscsvcStep>(step.action),
                   markerBefore);
@@ -112,6 +113,7 @@ ExitStatus Player::Play()
         console.Line("== end: the plugin object is still alive; the runner stops it");
         TearDown();
         ReportLaunches();
+        ReportModuleChanges();
     }
     PrintSummary();
     return failures.empty() ? kExitClean : kExitCheckFailed;
@@ -175,6 +177,7 @@ bool Player::SetUp()
         Say("productagent answers GetUserInfoExAsync with level \"" + Narrow(answer.level) + "\", text \"" +
             Narrow(answer.text) + "\", " + (answer.early ? "before the request returns" : "after the step"));
     }
+    SetUpModules();
     if (scenario.subscription)
     {
         host.subscription.SetRecord(HostRecord(*scenario.subscription));
@@ -462,6 +465,8 @@ void Player::CheckTeardown()
     }
     for (const auto& timer : host.queue.Timers())
         problems.push_back("timer " + timer.name + " not deleted");
+    if (const std::string modules = ModuleObjectsLeft(); !modules.empty())
+        problems.push_back(modules);
     if (const size_t serials = host.queue.LiveSerialExecutions())
         problems.push_back(Plural(serials, "serial execution", "serial executions") + " not released");
     const std::pair<const char*, size_t> sinks[] = {
@@ -532,6 +537,7 @@ void Player::PrintSummary()
     Say("live timers: " + std::to_string(host.queue.LiveTimers()));
     Say("live serial executions: " + std::to_string(host.queue.LiveSerialExecutions()));
     Say("launches of ProductCfg.exe: " + std::to_string(launches.Total()));
+    Say("SetConnectAppState calls: " + std::to_string(host.productAgent.ConnectStateCalls().size()));
     Say("host contract errors: " + std::to_string(contractErrors));
     if (failures.empty())
     {

@@ -96,6 +96,12 @@ private:
     // up, waits (bounded) for the marker to go; then prints what wsc.dll
     // recorded and whether the marker went in the step.
     void ReportWsc(bool jobPossible, bool markerBefore);
+    // Sets the product agent's modules up as the scenario asks.
+    void SetUpModules();
+    // Prints the SetConnectAppState calls made since the last call.
+    void ReportModuleChanges();
+    // "" when every module object handed out was given back.
+    std::string ModuleObjectsLeft() const;
     void PrintSummary();
     void Say(const std::string& text) { console.Line("  " + text); }
     void Fail(const std::string& problem);
@@ -114,5 +120,6 @@ private:
     IServPlugin* plugin = nullptr;
     Phase phase = Phase::None;
     std::vector<std::string> failures;
+    size_t moduleCallsReported = 0;
 };
 } // namespace runner

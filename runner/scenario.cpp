@@ -378,6 +378,30 @@ void ReadFailComponents(FieldReader& top, Scenario& out, std::string& error)
     }
 }
 
+// "modules": {"<application identifier>": state, ...}. The reader has
+// refused a key given twice already.
+void ReadModules(FieldReader& top, Scenario& out, std::string& error)
+{
+    const picojson::value* map = top.Find("modules");
+    if (map == nullptr || !top.Ok())
+        return;
+    FieldReader fields(*map, "modules", error);
+    if (!fields.Ok())
+        return;
+    for (const auto& entry : map->get<picojson::object>())
+    {
+        if (entry.first.empty())
+            return top.Fail("modules", "expected application identifiers as keys, found an empty key");
+        std::wstring appId;
+        if (!WidenUtf8(entry.first, appId))
+            return top.Fail("modules", "expected application identifiers in UTF-8");
+        uint32_t state = 0;
+        if (!ReadUint32(entry.second, fields.PathOf(entry.first), state, error))
+            return;
+        out.modules[appId] = state;
+    }
+}
+
 void ReadSteps(FieldReader& top, Scenario& out, std::string& error)
 {
     const picojson::value* list = top.Find("steps");
@@ -459,7 +483,8 @@ ParseResult ParseScenario(const std::string& text)
     FieldReader top(root, std::string(), error);
     top.OnlyKeys({"description", "settings", "missing_setting", "registry", "host_service_status",
                   "fail_components", "fail_serial_execution", "product_agent_async", "user_info_answer",
-                  "null_component_manager", "null_event_queue", "subscription", "wscsvc", "steps"});
+                  "modules", "fail_set_connect_app_state", "null_component_manager", "null_event_queue",
+                  "subscription", "wscsvc", "steps"});
     top.Text("description", scenario.description, Need::Optional);
     ReadSettings(top, scenario, error);
     ReadMissingSetting(top, scenario);
@@ -470,6 +495,8 @@ ParseResult ParseScenario(const std::string& text)
     top.Bool("product_agent_async", scenario.productAgentAsync, Need::Optional);
     top.Object("user_info_answer", Need::Optional, "an answer of the product agent",
                [&](FieldReader& answer) { scenario.userInfoAnswer = ReadUserInfoAnswer(answer); });
+    ReadModules(top, scenario, error);
+    top.Uint32("fail_set_connect_app_state", scenario.failSetConnectAppState, Need::Optional);
     top.Bool("null_component_manager", scenario.nullComponentManager, Need::Optional);
     top.Bool("null_event_queue", scenario.nullEventQueue, Need::Optional);
     top.Object("subscription", Need::Optional, "a subscription record",

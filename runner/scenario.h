@@ -217,6 +217,10 @@ struct Scenario
     bool productAgentAsync = true;
     // Absent: requests get no answer but the steps' replies.
     std::optional<UserInfoAnswer> userInfoAnswer;
+    // The product agent's modules: application identifier -> connect state
+    // (1: off). GetModuleInfo of any other identifier fails.
+    std::map<std::wstring, uint32_t> modules;
+    uint32_t failSetConnectAppState = 0; // status of SetConnectAppState; 0: works
     bool nullComponentManager = false;
     bool nullEventQueue = false;
     // What GetSubscription of "SubscriptionCommClient" fills in; absent: the

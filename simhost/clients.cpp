@@ -221,10 +221,23 @@ int64_t ProductAgentClient::ModuleState(const std::wstring& appId) const
     return found == modules.end() ? -1 : static_cast<int64_t>(found->second);
 }
 
+std::vector<ProductAgentClient::ConnectStateCall> ProductAgentClient::ConnectStateCalls() const
+{
+    std::lock_guard<std::mutex> lock(moduleMutex);
+    return connectStateCalls;
+}
+
+void ProductAgentClient::SetModuleInfoGate(std::function<void(const std::wstring&)> gate)
+{
+    std::lock_guard<std::mutex> lock(moduleMutex);
+    moduleInfoGate = std::move(gate);
+}
+
 Status ProductAgentClient::GetModuleInfo(const wchar_t* appId, IModuleInfo** out)
 {
     const std::string id = Narrow(appId);
     Status status = ERROR_NOT_FOUND;
+    std::function<void(const std::wstring&)> gate;
     {
         std::lock_guard<std::mutex> lock(moduleMutex);
         if (out == nullptr || appId == nullptr)
@@ -242,7 +255,10 @@ Status ProductAgentClient::GetModuleInfo(const wchar_t* appId, IModuleInfo** out
                 status = 0;
             }
         }
+        gate = moduleInfoGate;
     }
+    if (gate && appId != nullptr)
+        gate(appId);
     journal.Record("productagentcommclient.GetModuleInfo " + id + " -> " + std::to_string(status));
     return status;
 }
@@ -255,8 +271,14 @@ Status ProductAgentClient::SetConnectAppState(const wchar_t* appId, bool on)
         const auto found = appId != nullptr ? modules.find(appId) : modules.end();
         if (status == 0 && found == modules.end())
             status = ERROR_NOT_FOUND;
+        ConnectStateCall call{appId != nullptr ? appId : L"", on, status, -1, -1};
+        if (found != modules.end())
+            call.before = found->second;
         if (status == 0)
             found->second = on ? 0 : 1;
+        if (found != modules.end())
+            call.after = found->second;
+        connectStateCalls.push_back(call);
     }
     journal.Record("productagentcommclient.SetConnectAppState " + Narrow(appId) + (on ? " on" : " off") + " -> " +
                    std::to_string(status));

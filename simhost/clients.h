@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -268,6 +269,22 @@ public:
     // Module objects handed out and released so far.
     size_t ModulesHandedOut() const { return handedOut; }
     size_t ModulesReleased() const { return released; }
+    // One SetConnectAppState call: identifier, on or off, its status, and the
+    // module's state before and after (-1: no such module).
+    struct ConnectStateCall
+    {
+        std::wstring appId;
+        bool on = false;
+        Status status = 0;
+        int64_t before = -1;
+        int64_t after = -1;
+    };
+    // Every SetConnectAppState call so far, in order.
+    std::vector<ConnectStateCall> ConnectStateCalls() const;
+    // Called inside GetModuleInfo with the identifier, once the module's
+    // state has been taken and outside the client's lock: a test holds a
+    // caller there while another thread runs.
+    void SetModuleInfoGate(std::function<void(const std::wstring&)> gate);
 
     // Whether QueryInterface gives the asynchronous interface.
     void SetAsyncAvailable(bool available) { asyncAvailable = available; }
@@ -293,6 +310,8 @@ private:
     std::atomic<bool> asyncAvailable{true};
     mutable std::mutex moduleMutex;
     std::map<std::wstring, uint32_t> modules;
+    std::vector<ConnectStateCall> connectStateCalls;
+    std::function<void(const std::wstring&)> moduleInfoGate;
     std::atomic<Status> setStateFailure{0};
     std::atomic<size_t> handedOut{0};
     std::atomic<size_t> released{0};

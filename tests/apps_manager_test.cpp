@@ -8,7 +8,10 @@
 #include <knownfolders.h>
 #include <shlobj.h>
 
+#include <condition_variable>
+#include <functional>
 #include <future>
+#include <mutex>
 
 #include "apps/apps_manager.h"
 #include "plugin_fixture.h"
@@ -343,22 +346,78 @@ TEST_F(AppsManagerTest, CheckAppsSwitchesParentalControlOffOnSohoAndGoesOnAfterA
     ASSERT_EQ(apps.Init(&internal, &host.components), 0u);
 }
 
+// The thread that asks for the VPN module first is held inside
+// GetModuleInfo, the state "off" in hand, while the other one runs up to the
+// product agent: under vpnMutex the other gets no further until the first
+// has switched, then finds the VPN on. Both orders of timer and serial
+// execution.
 TEST_F(AppsManagerTest, CheckOnTheTimerAndEnableVpnAtOnceSwitchOnce)
 {
-    for (int round = 0; round < 40; ++round)
+    struct Gate
     {
+        std::mutex mutex;
+        std::condition_variable changed;
+        size_t arrivals = 0;
+        bool open = false;
+    } gate;
+    host.productAgent.SetModuleInfoGate([&gate](const std::wstring&) {
+        std::unique_lock<std::mutex> lock(gate.mutex);
+        if (++gate.arrivals == 1)
+        {
+            gate.changed.notify_all();
+            gate.changed.wait_for(lock, std::chrono::seconds(10), [&] { return gate.open; });
+        }
+        else
+        {
+            gate.changed.notify_all();
+        }
+    });
+    const auto openGate = [&gate] {
+        std::lock_guard<std::mutex> lock(gate.mutex);
+        gate.open = true;
+        gate.changed.notify_all();
+    };
+    const std::string vpnAllowedRead = "productinfo.GetString 227 Desktop -> \"" + sim::Narrow(kVpnKey) + "\"";
+    const std::function<void()> check = [&] { probe.CheckVpn(); };
+    const std::function<void()> enable = [&] { apps.EnableVpn(); };
+
+    for (bool timerFirst : {true, false})
+    {
+        SCOPED_TRACE(timerFirst ? "timer first" : "serial execution first");
         RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kProductKey, kMarker);
         host.productAgent.SetModule(kVpn, 1);
+        {
+            std::lock_guard<std::mutex> lock(gate.mutex);
+            gate.arrivals = 0;
+            gate.open = false;
+        }
         const size_t before = Switched("com.pcp.vpn on -> 0");
-        std::promise<void> go;
-        std::shared_future<void> start = go.get_future().share();
-        auto timer = std::async(std::launch::async, [&] { start.wait(); probe.CheckVpn(); });
-        auto serial = std::async(std::launch::async, [&] { start.wait(); apps.EnableVpn(); });
-        go.set_value();
-        ASSERT_EQ(timer.wait_for(std::chrono::seconds(10)), std::future_status::ready);
-        ASSERT_EQ(serial.wait_for(std::chrono::seconds(10)), std::future_status::ready);
-        EXPECT_EQ(Switched("com.pcp.vpn on -> 0") - before, 1u) << "round " << round;
+        auto first = std::async(std::launch::async, timerFirst ? check : enable);
+        bool held = false;
+        {
+            std::unique_lock<std::mutex> lock(gate.mutex);
+            held = gate.changed.wait_for(lock, std::chrono::seconds(10), [&] { return gate.arrivals == 1; });
+        }
+        const size_t reads = host.journal.Count(vpnAllowedRead);
+        auto second = std::async(std::launch::async, timerFirst ? enable : check);
+        // The second has found the VPN allowed and goes for the module.
+        const bool secondOnItsWay = held && host.journal.WaitFor(vpnAllowedRead, reads + 1, std::chrono::seconds(10));
+        bool overtaken = false;
+        if (secondOnItsWay)
+        {
+            std::unique_lock<std::mutex> lock(gate.mutex);
+            overtaken = gate.changed.wait_for(lock, std::chrono::milliseconds(500), [&] { return gate.arrivals > 1; });
+        }
+        openGate();
+        ASSERT_EQ(first.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+        ASSERT_EQ(second.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+        ASSERT_TRUE(held) << "nobody asked for the VPN module";
+        ASSERT_TRUE(secondOnItsWay) << "the second thread never decided on the VPN";
+        EXPECT_FALSE(overtaken) << "the second thread reached the product agent while the first was switching";
+        EXPECT_EQ(Switched("com.pcp.vpn on -> 0") - before, 1u);
+        EXPECT_EQ(host.productAgent.ModuleState(kVpn), 0);
     }
+    host.productAgent.SetModuleInfoGate(nullptr);
 }
 
 // Init's failure through the real DLL: the last "productinfo" and the

@@ -43,7 +43,8 @@ TEST(ScenarioParse, RefusesMalformedInputWithPlaceAndExpectation)
         {"[1]", "the scenario: expected an object, found a list"},
         {"{\"stepz\": []}", "stepz: unknown key (expected one of: description, settings, missing_setting, registry, "
                             "host_service_status, fail_components, fail_serial_execution, product_agent_async, "
-                            "user_info_answer, null_component_manager, null_event_queue, subscription, wscsvc, steps)"},
+                            "user_info_answer, modules, fail_set_connect_app_state, null_component_manager, null_event_queue, "
+                            "subscription, wscsvc, steps)"},
         {"{\"wscsvc\": \"paused\", \"steps\": []}",
          "wscsvc: unknown state \"paused\" (expected one of: stopped, running, start_pending)"},
         {"{}", "steps: missing (expected a list of steps)"},
@@ -55,6 +56,18 @@ TEST(ScenarioParse, RefusesMalformedInputWithPlaceAndExpectation)
          "user_info_answer.when: unknown timing \"soon\" (expected one of: early, late)"},
         {"{\"missing_setting\": \"none\", \"steps\": []}",
          "missing_setting: unknown answer \"none\" (expected one of: null, <error-not-found>)"},
+        // The product agent's modules and their connect states.
+        {"{\"modules\": [\"com.q.vpn\"], \"steps\": []}", "modules: expected an object, found a list"},
+        {"{\"modules\": {\"\": 1}, \"steps\": []}",
+         "modules: expected application identifiers as keys, found an empty key"},
+        {"{\"modules\": {\"com.q.\xff\": 1}, \"steps\": []}", "modules: expected application identifiers in UTF-8"},
+        {"{\"modules\": {\"com.q.vpn\": -1}, \"steps\": []}",
+         "modules.com.q.vpn: expected a whole number from 0 to 4294967295, found -1"},
+        {"{\"modules\": {\"com.q.vpn\": true}, \"steps\": []}",
+         "modules.com.q.vpn: expected a whole number from 0 to 4294967295, found true or false"},
+        {"{\"modules\": {\"com.q.vpn\": 1,\n \"com.q.vpn\": 0}, \"steps\": []}", "line 2: duplicate key \"com.q.vpn\""},
+        {"{\"fail_set_connect_app_state\": 4294967296, \"steps\": []}",
+         "fail_set_connect_app_state: expected a whole number from 0 to 4294967295, found 4294967296"},
         // Settings, registry values and failing components.
         {"{\"settings\": [{\"number\": 44, \"section\": \"Desktop\"}], \"steps\": []}",
          "settings[0].value: missing (expected a text)"},
@@ -140,6 +153,8 @@ TEST(ScenarioParse, ValidScenarioBecomesTheRecord)
       "fail_serial_execution": 8,
       "product_agent_async": false,
       "user_info_answer": {"level": "null", "text": " ", "when": "early"},
+      "modules": {"com.q.vpn": 1, "com.q.kinguard": 4294967295, "com.q.\u00fc": 0},
+      "fail_set_connect_app_state": 5,
       "null_component_manager": true,
       "null_event_queue": true,
       "subscription": {"key_type": -2147483648, "product_type": 3, "server_product_type": 2147483647,
@@ -181,6 +196,9 @@ TEST(ScenarioParse, ValidScenarioBecomesTheRecord)
     EXPECT_EQ(s.failSerialExecution, 8u);
     EXPECT_FALSE(s.productAgentAsync);
     EXPECT_EQ(s.userInfoAnswer, (UserInfoAnswer{L"null", L" ", true}));
+    EXPECT_EQ(s.modules, (std::map<std::wstring, uint32_t>{
+                             {L"com.q.vpn", 1}, {L"com.q.kinguard", 0xFFFFFFFFu}, {L"com.q.\u00fc", 0}}));
+    EXPECT_EQ(s.failSetConnectAppState, 5u);
     EXPECT_TRUE(s.nullComponentManager);
     EXPECT_TRUE(s.nullEventQueue);
     EXPECT_EQ(s.wscsvc, scenario::Wscsvc::StartPending);
@@ -225,6 +243,8 @@ TEST(ScenarioParse, ValidScenarioBecomesTheRecord)
     EXPECT_TRUE(minimal.scenario->productAgentAsync);
     EXPECT_EQ(minimal.scenario->failSerialExecution, 0u);
     EXPECT_TRUE(minimal.scenario->failComponents.empty());
+    EXPECT_TRUE(minimal.scenario->modules.empty());
+    EXPECT_EQ(minimal.scenario->failSetConnectAppState, 0u);
     EXPECT_FALSE(minimal.scenario->subscription.has_value());
 }
 
