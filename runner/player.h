@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "host/plugin.h"
+#include "runner/commercial_setup.h"
 #include "runner/console.h"
 #include "runner/launch_record.h"
 #include "runner/plugin_library.h"
@@ -96,6 +97,8 @@ private:
     // up, waits (bounded) for the marker to go; then prints what wsc.dll
     // recorded and whether the marker went in the step.
     void ReportWsc(bool jobPossible, bool markerBefore);
+    // The cloud requests of the step and the commercial data file's rewrites.
+    void ReportCommercial();
     void PrintSummary();
     void Say(const std::string& text) { console.Line("  " + text); }
     void Fail(const std::string& problem);
@@ -106,6 +109,7 @@ private:
     // Named in the environment before the plugin can start ProductCfg.exe.
     LaunchRecord launches;
     WscRecord wscRecord;
+    CommercialSetup commercial;
     std::unique_ptr<standin::Wscsvc> wscsvc;
     // What a logon event carries; the plugin only tests it for null. Lives
     // longer than the host's threads that pass it on.
