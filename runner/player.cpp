@@ -100,6 +100,7 @@ ExitStatus Player::Play()
         const bool markerBefore = MarkerThere();
         std::visit([this](const auto& action) { Run(action); }, step.action);
         AnswerLateRequests();
+        ReportCommercial();
         ReportLaunches();
         WaitIdle("after step " + std::to_string(i));
         ReportModuleChanges();
@@ -114,6 +115,7 @@ ExitStatus Player::Play()
         TearDown();
         ReportLaunches();
         ReportModuleChanges();
+        ReportCommercial();
     }
     PrintSummary();
     return failures.empty() ? kExitClean : kExitCheckFailed;
@@ -151,6 +153,8 @@ bool Player::SetUp()
         }
     }
 
+    if (!commercial.SetUp(scenario, host, [this](const std::string& line) { Say(line); }))
+        return false;
     if (!SetUpWscsvc())
         return false;
 
@@ -380,6 +384,12 @@ void Player::ReportWsc(bool jobPossible, bool markerBefore)
         Say("wsc: " + line);
     if (markerBefore && !MarkerThere())
         Say("wsc: marker UnregFwWscFailed removed");
+}
+
+void Player::ReportCommercial()
+{
+    commercial.Report(
+        host, [this](const std::string& line) { Say(line); }, [this](const std::string& line) { Fail(line); });
 }
 
 void Player::Create()

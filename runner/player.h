@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "host/plugin.h"
+#include "runner/commercial_setup.h"
 #include "runner/console.h"
 #include "runner/launch_record.h"
 #include "runner/plugin_library.h"
@@ -102,6 +103,8 @@ private:
     void ReportModuleChanges();
     // "" when every module object handed out was given back.
     std::string ModuleObjectsLeft() const;
+    // The cloud requests of the step and the commercial data file's rewrites.
+    void ReportCommercial();
     void PrintSummary();
     void Say(const std::string& text) { console.Line("  " + text); }
     void Fail(const std::string& problem);
@@ -112,6 +115,7 @@ private:
     // Named in the environment before the plugin can start ProductCfg.exe.
     LaunchRecord launches;
     WscRecord wscRecord;
+    CommercialSetup commercial;
     std::unique_ptr<standin::Wscsvc> wscsvc;
     // What a logon event carries; the plugin only tests it for null. Lives
     // longer than the host's threads that pass it on.

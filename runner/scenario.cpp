@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 
+#include "runner/commercial_keys.h"
 #include "runner/json_reader.h"
 
 namespace scenario
@@ -436,8 +437,12 @@ const char* RootName(RegistryRoot root)
     return "?";
 }
 
-// A record's text in quotes: a quote, a backslash and bytes outside
-// printable ASCII come out as escapes, so that any bytes print on one line.
+struct FileCloser
+{
+    void operator()(FILE* file) const { std::fclose(file); }
+};
+} // namespace
+
 std::string QuotedBytes(const std::string& text)
 {
     static const char kHex[] = "0123456789abcdef";
@@ -464,12 +469,6 @@ std::string QuotedBytes(const std::string& text)
     return quoted + "\"";
 }
 
-struct FileCloser
-{
-    void operator()(FILE* file) const { std::fclose(file); }
-};
-} // namespace
-
 ParseResult ParseScenario(const std::string& text)
 {
     ParseResult result;
@@ -484,7 +483,7 @@ ParseResult ParseScenario(const std::string& text)
     top.OnlyKeys({"description", "settings", "missing_setting", "registry", "host_service_status",
                   "fail_components", "fail_serial_execution", "product_agent_async", "user_info_answer",
                   "modules", "fail_set_connect_app_state", "null_component_manager", "null_event_queue",
-                  "subscription", "wscsvc", "steps"});
+                  "subscription", "wscsvc", "steps", "bootstrap_file", "commercial_details", "cloud_answers"});
     top.Text("description", scenario.description, Need::Optional);
     ReadSettings(top, scenario, error);
     ReadMissingSetting(top, scenario);
@@ -514,6 +513,7 @@ ParseResult ParseScenario(const std::string& text)
         else
             top.Fail("wscsvc", "unknown state \"" + wscsvc + "\" (expected one of: stopped, running, start_pending)");
     }
+    ReadCommercialKeys(top, scenario, error);
     ReadSteps(top, scenario, error);
     if (error.empty())
         result.scenario = std::move(scenario);

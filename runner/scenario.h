@@ -200,6 +200,35 @@ enum class Wscsvc
     StartPending, // "start_pending": started and held in START_PENDING until start_wscsvc
 };
 
+// The commercial data file, in a folder of the runner's own that setting
+// 400 "Desktop" names with its closing separator.
+struct BootstrapFile
+{
+    bool settingsFolder = true;         // whether the folder holds "settings"
+    std::optional<std::string> content; // the file's bytes; absent: no file
+
+    bool operator==(const BootstrapFile& o) const
+    {
+        return settingsFolder == o.settingsFolder && content == o.content;
+    }
+};
+
+// What the cloud client gives back for one request.
+struct CloudAnswer
+{
+    std::string body; // may hold any bytes, NULs included
+    uint32_t error = 0;
+    uint32_t delayMs = 0;
+
+    bool operator==(const CloudAnswer& o) const
+    {
+        return body == o.body && error == o.error && delayMs == o.delayMs;
+    }
+};
+
+// Longest wait of the cloud client before it answers.
+constexpr uint32_t kMaxCloudDelayMs = 5000;
+
 // Longest clock advance one step may ask for: 30 days.
 constexpr uint64_t kMaxAdvanceMs = 30ull * 24 * 3600 * 1000;
 // Largest scenario file read.
@@ -227,6 +256,12 @@ struct Scenario
     // all-zero record.
     std::optional<SubscriptionRecord> subscription;
     Wscsvc wscsvc = Wscsvc::Untouched;
+    std::optional<BootstrapFile> bootstrapFile;
+    // "Commercial_Details" at the subscription key path (setting 44 "Desktop").
+    std::optional<RegistryValue> commercialDetails;
+    // The cloud's answers in order, the last for all later requests; none:
+    // every request fails with 50.
+    std::vector<CloudAnswer> cloudAnswers;
     std::vector<Step> steps;
 };
 
@@ -249,6 +284,10 @@ struct FileText
 };
 
 FileText ReadScenarioFile(const std::wstring& path);
+
+// A text in quotes with a quote, a backslash and any byte outside printable
+// ASCII escaped, so that any bytes print on one line: "q\"\xc3\xbc".
+std::string QuotedBytes(const std::string& text);
 
 // One line for a step's header, e.g. "advance 120000 ms".
 std::string Describe(const StepAction& action);

@@ -1,6 +1,7 @@
 // The commercial identifier through the real plugin: a new identifier turns
-// into fetched data and a run with change_contacts, and a subscription event
-// waits for a slow cloud answer behind statusMutex without a deadlock.
+// into fetched data and a run with contacts_seccenter where the seccenter may
+// be shown, change_contacts where it may not, and a subscription event waits
+// for a slow cloud answer behind statusMutex without a deadlock.
 #include <chrono>
 #include <fstream>
 #include <future>
@@ -18,9 +19,9 @@ constexpr wchar_t kProductRoot[] = L"Software\\PcpComRun";
 constexpr wchar_t kProductKey[] = L"Software\\PcpComRun\\Product";
 constexpr auto kBound = std::chrono::seconds(20);
 
-SubscriptionData Record(const char* commercialId)
+SubscriptionData Record(const char* commercialId, const char* account = "")
 {
-    SubscriptionData record = MakeRecord(3, 3, 1);
+    SubscriptionData record = MakeRecord(3, 3, 1, account);
     SetFixedText(record.CommercialId, commercialId);
     return record;
 }
@@ -113,5 +114,33 @@ TEST_F(CommercialRunTest, WithContactsDisabledTheCommercialStatusNeverChanges)
     ASSERT_TRUE(host->WaitIdle());
     EXPECT_EQ(log.Count("INFO", "CProductConfigurationPlg::_SetCommercialStatus: ComStatus: 0"), 3u);
     EXPECT_EQ(log.Count("TRACE", "CBootstrap::IsCommercialIdDifferent: -> "), 0u);
+    StopAndUnInit();
+}
+
+TEST_F(CommercialRunTest, WithTheSeccenterAllowedANewIdentifierEndsInContactsSeccenter)
+{
+    // An account and no GsShowed: _DoConfig allows the seccenter.
+    RegDeleteKeyValueW(HKEY_USERS, kSubscriptionKey, L"GsShowed");
+    std::ofstream(File().c_str(), std::ios::binary)
+        << R"({"app_data":{"commercial_details_id":"C1"},"commercial_data":{"contacts":["old"]},"keep":true})";
+    host->subscription.SetRecord(Record("C2", "acc-1"));
+    host->connectIntegrator.SetAnswer({R"({"contacts":["b"]})"});
+    StartLoaded();
+    ASSERT_TRUE(log.Contains("INFO", "CProductConfigurationPlg::_SetCommercialStatus: ComStatus: 1"));
+
+    host->queue.Advance(0);
+    const std::vector<sim::CloudCall> calls = host->connectIntegrator.Calls();
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_EQ(calls[0].params, R"({"commercial_details_id":"C2"})");
+    EXPECT_EQ(Content(), R"({"app_data":{"commercial_details_id":"C2"},"commercial_data":{"contacts":["b"]},"keep":true})");
+    const auto launched = AwaitLaunched();
+    ASSERT_EQ(launched.size(), 5u);
+    EXPECT_EQ(launched[4], L"\"ProductCfg.exe\" contacts_seccenter");
+
+    // The update cancelled the timer: an hour later nothing fires.
+    host->queue.Advance(3600000);
+    ASSERT_TRUE(host->WaitIdle());
+    EXPECT_EQ(host->connectIntegrator.Calls().size(), 1u);
+    EXPECT_EQ(Recorded(), 1u);
     StopAndUnInit();
 }

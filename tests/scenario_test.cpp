@@ -44,7 +44,7 @@ TEST(ScenarioParse, RefusesMalformedInputWithPlaceAndExpectation)
         {"{\"stepz\": []}", "stepz: unknown key (expected one of: description, settings, missing_setting, registry, "
                             "host_service_status, fail_components, fail_serial_execution, product_agent_async, "
                             "user_info_answer, modules, fail_set_connect_app_state, null_component_manager, null_event_queue, "
-                            "subscription, wscsvc, steps)"},
+                            "subscription, wscsvc, steps, bootstrap_file, commercial_details, cloud_answers)"},
         {"{\"wscsvc\": \"paused\", \"steps\": []}",
          "wscsvc: unknown state \"paused\" (expected one of: stopped, running, start_pending)"},
         {"{}", "steps: missing (expected a list of steps)"},
@@ -121,6 +121,35 @@ TEST(ScenarioParse, RefusesMalformedInputWithPlaceAndExpectation)
          "steps[0].record.features[1]: expected a whole number from -2147483648 to 2147483647, found -2147483649"},
         {"{\"steps\": [{\"do\": \"subscription\", \"record\": {\"account_id\": \"a\\u0000b\"}}]}",
          "steps[0].record.account_id: expected a text without NUL characters"},
+        // The commercial data file, Commercial_Details and the cloud's answers.
+        {"{\"bootstrap_file\": \"absent\", \"steps\": []}", "bootstrap_file: expected an object, found a text"},
+        {"{\"bootstrap_file\": {\"contents\": \"\"}, \"steps\": []}",
+         "bootstrap_file.contents: unknown key (expected one of: content, settings_folder)"},
+        {"{\"bootstrap_file\": {\"content\": \"{}\", \"settings_folder\": false}, \"steps\": []}",
+         "bootstrap_file.content: not allowed with \"settings_folder\": false"},
+        {"{\"settings\": [{\"number\": 400, \"section\": \"Desktop\", \"value\": \"C:\\\\\"}], "
+         "\"bootstrap_file\": {}, \"steps\": []}",
+         "bootstrap_file: setting 400 \"Desktop\" is given in settings too (the runner names its own folder there)"},
+        {"{\"commercial_details\": {\"type\": \"dword\", \"value\": 0}, \"steps\": []}",
+         "commercial_details: needs setting 44 \"Desktop\" in settings (it names the subscription key)"},
+        {"{\"commercial_details\": {\"type\": \"qword\", \"value\": 0}, \"steps\": []}",
+         "commercial_details.type: unknown type \"qword\" (expected one of: dword, string, absent)"},
+        {"{\"commercial_details\": {\"type\": \"dword\"}, \"steps\": []}",
+         "commercial_details.value: missing (expected a whole number from 0 to 4294967295)"},
+        {"{\"commercial_details\": {\"type\": \"absent\", \"value\": 0}, \"steps\": []}",
+         "commercial_details.value: not allowed with type \"absent\""},
+        {"{\"cloud_answers\": [], \"steps\": []}",
+         "cloud_answers: expected a list of at least one {body, error, delay_ms}"},
+        {"{\"cloud_answers\": {\"body\": \"{}\"}, \"steps\": []}",
+         "cloud_answers: expected a list of at least one {body, error, delay_ms}"},
+        {"{\"cloud_answers\": [{\"body\": \"{}\"}, {\"delay_ms\": 5001}], \"steps\": []}",
+         "cloud_answers[1].delay_ms: expected a whole number from 0 to 5000, found 5001"},
+        {"{\"cloud_answers\": [{\"error\": -1}], \"steps\": []}",
+         "cloud_answers[0].error: expected a whole number from 0 to 4294967295, found -1"},
+        {"{\"cloud_answers\": [{\"body\": 5}], \"steps\": []}",
+         "cloud_answers[0].body: expected a text, found a number"},
+        {"{\"cloud_answers\": [{\"bodies\": \"\"}], \"steps\": []}",
+         "cloud_answers[0].bodies: unknown key (expected one of: body, error, delay_ms)"},
         // The plugin object's life.
         {"{\"steps\": [\"stop\"]}", "steps[0].do: \"stop\" with no plugin object (expected \"init\" or \"start\" "
                                     "before it)"},
@@ -246,6 +275,46 @@ TEST(ScenarioParse, ValidScenarioBecomesTheRecord)
     EXPECT_TRUE(minimal.scenario->modules.empty());
     EXPECT_EQ(minimal.scenario->failSetConnectAppState, 0u);
     EXPECT_FALSE(minimal.scenario->subscription.has_value());
+}
+
+TEST(ScenarioParse, CommercialKeysBecomeTheRecord)
+{
+    const ParseResult result = ParseScenario(R"({
+      "settings": [{"number": 44, "section": "Desktop", "value": "QMX"}],
+      "bootstrap_file": {"content": "{\"app_data\":1}\u0000\u00ff"},
+      "commercial_details": {"type": "string", "value": "0"},
+      "cloud_answers": [{"body": "{\"k\":\"v\"}"}, {"error": 5, "delay_ms": 5000}, {}],
+      "steps": []
+    })");
+    ASSERT_TRUE(result.scenario.has_value()) << result.error;
+    const Scenario& s = *result.scenario;
+    EXPECT_EQ(s.bootstrapFile, (BootstrapFile{true, std::string("{\"app_data\":1}\0\xc3\xbf", 17)}));
+    EXPECT_EQ(s.commercialDetails, (RegistryValue{RegistryRoot::Users, L".DEFAULT\\SOFTWARE\\Sub_ID_QMX",
+                                                  L"Commercial_Details", RegistryType::String, 0, L"0"}));
+    EXPECT_EQ(s.cloudAnswers, (std::vector<CloudAnswer>{{"{\"k\":\"v\"}", 0, 0}, {"", 5, 5000}, {"", 0, 0}}));
+
+    const struct
+    {
+        const char* file;
+        BootstrapFile expected;
+    } files[] = {
+        {R"({"bootstrap_file": {}, "steps": []})", {true, std::nullopt}},
+        {R"({"bootstrap_file": {"settings_folder": false}, "steps": []})", {false, std::nullopt}},
+        {R"({"bootstrap_file": {"content": ""}, "steps": []})", {true, std::string()}},
+    };
+    for (const auto& row : files)
+    {
+        const ParseResult parsed = ParseScenario(row.file);
+        ASSERT_TRUE(parsed.scenario.has_value()) << parsed.error;
+        EXPECT_EQ(parsed.scenario->bootstrapFile, row.expected) << row.file;
+    }
+
+    // Without the keys: no file of the runner's, the registry and the cloud untouched.
+    const ParseResult minimal = ParseScenario("{\"steps\": []}");
+    ASSERT_TRUE(minimal.scenario.has_value()) << minimal.error;
+    EXPECT_FALSE(minimal.scenario->bootstrapFile.has_value());
+    EXPECT_FALSE(minimal.scenario->commercialDetails.has_value());
+    EXPECT_TRUE(minimal.scenario->cloudAnswers.empty());
 }
 
 // A file in the temporary folder, removed again at the end of the test.
