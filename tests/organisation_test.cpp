@@ -316,9 +316,9 @@ TEST_F(OrganisationTest, OnlyALogonWithItsSessionInformationArmsTheTimer)
             if (event == 5 && with != nullptr)
                 continue;
             log.Clear();
-            host->sessionChange.Deliver(17, event, with);
+            host->sessionChange.Deliver(0xFFFFFFFFu, event, with);
             ASSERT_TRUE(host->WaitIdle());
-            EXPECT_TRUE(log.Contains("INFO", kSession + "time=17 event=" + std::to_string(event)));
+            EXPECT_TRUE(log.Contains("INFO", kSession + "time=4294967295 event=" + std::to_string(event)));
         }
     }
     EXPECT_EQ(host->journal.Count("Post Async_StartProductCfgTimer"), 0u);
@@ -347,6 +347,38 @@ TEST_F(OrganisationTest, LogonsLeaveOneTimerCountingFromTheLastAndItFindsNothing
     host->queue.Advance(3600000);
     EXPECT_EQ(log.Count("INFO", "CProductConfigurationPlg::_ProductCfgTimer: Config not needed"), 2u);
     EXPECT_EQ(Recorded(), 0u);
+}
+
+// The view the apps manager keeps: the latest stored record and the latest
+// reply, empty and 0 and false before them.
+TEST_F(OrganisationTest, InternalViewFollowsTheStoredRecordAndTheLatestReply)
+{
+    IProductCfgInternal* view = static_cast<CProductConfigurationPlg*>(plugin);
+    SubscriptionData first = MakeRecord(5, 3, 1, "acc-org");
+    SetFixedText(first.BundleId, "org.bundle");
+    host->subscription.SetRecord(first);
+    ASSERT_EQ(plugin->Init(host.get()), 0u);
+    running = true;
+    EXPECT_EQ(view->GetBundleId(), "");
+    EXPECT_EQ(view->GetServerProductType(), 0);
+    EXPECT_FALSE(view->IsMsp());
+
+    ASSERT_EQ(plugin->Start(), 0u);
+    ASSERT_TRUE(host->WaitIdle());
+    EXPECT_EQ(view->GetBundleId(), "org.bundle");
+    EXPECT_EQ(view->GetServerProductType(), 5);
+
+    host->subscription.Deliver(MakeRecord(3, 3, 1, "acc-org"));
+    ASSERT_TRUE(host->WaitIdle());
+    EXPECT_EQ(view->GetBundleId(), "");
+    EXPECT_EQ(view->GetServerProductType(), 3);
+
+    for (const wchar_t* level : {L"1", L"0", L"null"})
+    {
+        SCOPED_TRACE(sim::Narrow(level));
+        ASSERT_NO_FATAL_FAILURE(Reply(level, L"Org"));
+        EXPECT_EQ(view->IsMsp(), level[0] != L'0');
+    }
 }
 
 TEST_F(OrganisationTest, UserInfoChangedAsksAgainOnlyWithTheAsynchronousSide)
