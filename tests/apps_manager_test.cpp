@@ -139,7 +139,7 @@ TEST_F(AppsManagerTest, VpnAllowedByTypeFreeEditionAndTheExactTokenVP)
         const char* what;
         int32_t type;
         const wchar_t* config; // null: no value
-        int freeApp;           // -1: no value
+        int freeApp;           // -1: no value, -2: the text "1"
         bool setting227;
         bool allowed;
     } rows[] = {
@@ -154,6 +154,8 @@ TEST_F(AppsManagerTest, VpnAllowedByTypeFreeEditionAndTheExactTokenVP)
         {"type 0, free", 0, L"VP", 1, true, false},
         {"type 0, free value missing", 0, L"VP", -1, true, true},
         {"type 0, not free", 0, L"VP", 0, true, true},
+        {"type 0, IsFreeApp 2", 0, L"VP", 2, true, false},
+        {"type 0, IsFreeApp a text", 0, L"VP", -2, true, true},
         {"setting 227 missing", 5, L"VP", -1, false, false},
         {"Config missing", 5, nullptr, -1, true, false},
     };
@@ -166,6 +168,8 @@ TEST_F(AppsManagerTest, VpnAllowedByTypeFreeEditionAndTheExactTokenVP)
         RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kAboutKey, L"IsFreeApp");
         if (row.freeApp >= 0)
             registry.SetDword(HKEY_LOCAL_MACHINE, kAboutKey, L"IsFreeApp", static_cast<DWORD>(row.freeApp));
+        if (row.freeApp == -2)
+            RegSetKeyValueW(HKEY_LOCAL_MACHINE, kAboutKey, L"IsFreeApp", REG_SZ, L"1", 2 * sizeof(wchar_t));
         if (row.setting227)
             host.config.Set(227, L"Desktop", kVpnKey);
         else
@@ -174,7 +178,7 @@ TEST_F(AppsManagerTest, VpnAllowedByTypeFreeEditionAndTheExactTokenVP)
                                                       sim::Narrow(kVpnKey) + "\"");
         EXPECT_EQ(probe.IsVpnAllowed(row.type), row.allowed);
         // A free edition of unknown type is refused before Config is looked for.
-        if (row.type == 0 && row.freeApp == 1)
+        if (row.type == 0 && row.freeApp > 0)
         {
             EXPECT_EQ(host.journal.Count("productinfo.GetString 227 Desktop -> \"" + sim::Narrow(kVpnKey) + "\""),
                       configReads);
@@ -285,7 +289,10 @@ TEST_F(AppsManagerTest, ManagedOrganisationDeletesTheInstallShortcut)
         if (!held)
             file.reset();
         log.Clear();
+        const size_t configReads = host.journal.LinesStartingWith("productinfo.GetString 227 ").size();
         probe.CheckVpn();
+        EXPECT_EQ(host.journal.LinesStartingWith("productinfo.GetString 227 ").size(), configReads)
+            << "the VPN's feature list is not asked for";
         EXPECT_EQ(GetFileAttributesW(shortcut.c_str()) == INVALID_FILE_ATTRIBUTES, !held);
         EXPECT_EQ(log.Contains("ERROR", "CAppsManager::_CheckVPN: Failed to delete vpn install shortcut."), held);
         EXPECT_EQ(Marker(), 1u);
