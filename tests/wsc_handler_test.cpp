@@ -8,7 +8,9 @@
 // through the plugin, where the first record finds the marker.
 #include <windows.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstddef>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -434,11 +436,27 @@ TEST_F(WscPluginTest, TheFirstRecordStartsTheJobOnItsOwnThreadAndLaterRecordsNon
     EXPECT_FALSE(MarkerThere());
 
     registry.SetDword(HKEY_LOCAL_MACHINE, kProductKey, kMarker, 1);
+    log.Clear();
     host->subscription.Deliver(MakeRecord(3, 3));
     ASSERT_TRUE(host->WaitIdle());
-    EXPECT_EQ(log.Threads("CWscHandler::UnregisterFirewallIfNeeded: -> ").size(), 2u);
+    EXPECT_EQ(log.Threads("CWscHandler::UnregisterFirewallIfNeeded: -> ").size(), 1u);
+    // Within the refresh: after the record is logged and stored, before the
+    // server's product type goes to the registry.
+    const Strings lines = log.Messages("");
+    auto at = [&](const std::string& prefix) {
+        const auto found = std::find_if(lines.begin(), lines.end(),
+                                        [&](const std::string& line) { return line.rfind(prefix, 0) == 0; });
+        return found - lines.begin();
+    };
+    const auto stored = at("CProductConfigurationPlg::_RefreshSubscription: ServerProductType = 3, ProductType = 3");
+    const auto entered = at("CWscHandler::UnregisterFirewallIfNeeded: -> ");
+    const auto left = at("CWscHandler::UnregisterFirewallIfNeeded: <- ");
+    const auto written = at("CProductConfigurationPlg::_WriteServerProductType: -> ");
+    ASSERT_LT(written, static_cast<std::ptrdiff_t>(lines.size()));
+    EXPECT_LT(stored, entered);
+    EXPECT_LT(left, written);
     StopAndUnInit();
-    EXPECT_EQ(log.Threads(kCheckEntry).size(), 1u);
+    EXPECT_EQ(log.Threads(kCheckEntry), Strings{}); // no second job
     EXPECT_TRUE(MarkerThere());
 }
 
