@@ -242,6 +242,10 @@ TEST_F(BootstrapTest, AnUpdateRewritesTheFileOnlyWithAnObjectFromTheCloud)
         log.Clear();
         EXPECT_EQ(fresh.UpdateBootstrapData("X1"), row.result);
         EXPECT_EQ(Errors(), row.errors);
+        // An update reports only failures of the cloud and the file, and
+        // only as errors: a reply that is not an object goes unmentioned.
+        EXPECT_EQ(log.Messages("WARN"), Strings{});
+        EXPECT_EQ(log.Messages("INFO"), Strings{});
         EXPECT_EQ(Read(), row.result ? row.after : row.file); // byte for byte
         EXPECT_EQ(fresh.IsCommercialIdDifferent("X1"), row.result ? false : before);
         const auto calls = host.connectIntegrator.Calls();

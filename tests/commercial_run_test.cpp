@@ -144,3 +144,39 @@ TEST_F(CommercialRunTest, WithTheSeccenterAllowedANewIdentifierEndsInContactsSec
     EXPECT_EQ(Recorded(), 1u);
     StopAndUnInit();
 }
+
+TEST_F(CommercialRunTest, AFailedUpdateKeepsTheCommercialStatusAndTheHourlyRetries)
+{
+    const std::string kTimer = "CProductConfigurationPlg::_ProductCfgTimer: ";
+    host->subscription.SetRecord(Record("C1"));
+    // A refusal, a reply that is no object, then the data.
+    host->connectIntegrator.SetAnswers({{"", 5}, {R"(["c"])"}, {R"({"contacts":["c"]})"}});
+    StartLoaded();
+    ASSERT_TRUE(log.Contains("INFO", "CProductConfigurationPlg::_SetCommercialStatus: ComStatus: 1"));
+
+    // Each failed firing leaves comStatus at 1: nothing to run, no file, and
+    // the timer still due an hour later.
+    for (size_t firing = 1; firing <= 2; ++firing)
+    {
+        SCOPED_TRACE(firing);
+        host->queue.Advance(firing == 1 ? 0 : 3600000);
+        ASSERT_TRUE(host->WaitIdle());
+        EXPECT_EQ(host->connectIntegrator.Calls().size(), firing);
+        EXPECT_EQ(log.Count("INFO", kTimer + "Config not needed"), firing);
+        EXPECT_EQ(GetFileAttributesW(File().c_str()), INVALID_FILE_ATTRIBUTES);
+        EXPECT_EQ(Recorded(), 0u);
+    }
+
+    host->queue.Advance(3600000);
+    EXPECT_EQ(Content(), R"({"app_data":{"commercial_details_id":"C1"},"commercial_data":{"contacts":["c"]}})");
+    const auto launched = AwaitLaunched();
+    ASSERT_EQ(launched.size(), 5u);
+    EXPECT_EQ(launched[4], L"\"ProductCfg.exe\" change_contacts");
+
+    // The successful update cancelled the timer.
+    host->queue.Advance(3600000);
+    ASSERT_TRUE(host->WaitIdle());
+    EXPECT_EQ(host->connectIntegrator.Calls().size(), 3u);
+    EXPECT_EQ(Recorded(), 1u);
+    StopAndUnInit();
+}
