@@ -6,6 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -252,8 +255,11 @@ TEST_F(MsvcAbiTest, ThePluginLivesItsWholeLifeInTheHost)
     EXPECT_EQ(host.MsvcHost_Count("run:Async_StartProductCfgTimer"), 1);
     EXPECT_EQ(host.MsvcHost_Count("handed:_ProductCfgTimer"), 3);
 
+    // The product agent's events: a change asks for the information again.
     host.MsvcHost_DeliverUserInfoChanged();
+    EXPECT_EQ(host.MsvcHost_Count("GetUserInfoExAsync"), 2);
     host.MsvcHost_AnswerUserInfo(L"1", L"");
+    EXPECT_EQ(host.MsvcHost_Count("user_info.level"), 1);
 
     host.MsvcHost_Stop();
     host.MsvcHost_UnInit();
@@ -285,6 +291,15 @@ TEST_F(MsvcAbiTest, CompanionAppsAndTheCloudGoThroughTheHostsObjects)
     host.MsvcHost_SetSetting(217, L"Desktop", key);
     host.MsvcHost_SetSetting(227, L"Desktop", key);
     host.MsvcHost_SetSetting(44, L"Desktop", L"qm.abi.test");
+    // The commercial data file lies in a folder of this test's own.
+    const std::filesystem::path folder =
+        std::filesystem::temp_directory_path() / ("pcp_msvc_abi_" + std::to_string(GetCurrentProcessId()));
+    std::filesystem::create_directories(folder / "settings");
+    host.MsvcHost_SetSetting(400, L"Desktop", (folder.wstring() + L"\\").c_str());
+    // Longer than the 64 characters the plugin reserves: the host grows
+    // Body through the plugin's own memory manager.
+    const std::string reply = "{\"contacts\":[\"sales-from-the-host-built-for-the-other-abi\",\"support-desk\"]}";
+    host.MsvcHost_SetCloudAnswer(reply.c_str());
     Load();
 
     // A soho bundle with a new commercial identifier: the companion check
@@ -300,11 +315,18 @@ TEST_F(MsvcAbiTest, CompanionAppsAndTheCloudGoThroughTheHostsObjects)
     EXPECT_EQ(host.MsvcHost_Count("module.state"), 3);
     EXPECT_EQ(host.MsvcHost_Count("module.release"), 3);
 
-    // The timer asks the cloud for the new identifier; the host's failure
-    // code comes back through the hidden result pointer.
+    // The timer asks the cloud for the new identifier; the status comes
+    // back through the hidden result pointer and the reply, grown by the
+    // host, lands in the file.
     EXPECT_EQ(host.MsvcHost_FireTimer(L"_ProductCfgTimer"), 1);
     EXPECT_EQ(host.MsvcHost_Count("cloud.request_ok"), 1) << host.Journal();
     EXPECT_EQ(host.MsvcHost_Count("cloud.request_bad"), 0);
+    EXPECT_EQ(host.MsvcHost_Count("cloud.body_grown"), 1);
+    EXPECT_EQ(host.MsvcHost_Count("cloud.body_written"), 1);
+    std::ifstream file(folder / "settings" / "bootstrapdata.json");
+    const std::string written((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    EXPECT_EQ(written, "{\"app_data\":{\"commercial_details_id\":\"C1\"},\"commercial_data\":" + reply + "}");
+    file.close();
 
     // Joining and leaving a managed organisation: the second reply gives
     // the VPN back through the item "EnableVpn"; the level "null" asks for
@@ -322,5 +344,7 @@ TEST_F(MsvcAbiTest, CompanionAppsAndTheCloudGoThroughTheHostsObjects)
     host.MsvcHost_UnInit();
     Destroy();
     RegDeleteTreeW(HKEY_LOCAL_MACHINE, key);
+    std::error_code ignored;
+    std::filesystem::remove_all(folder, ignored);
 }
 } // namespace

@@ -1,6 +1,7 @@
 #include "simhost/msvc/host_objects.h"
 
 #include "host/cloud_records.h"
+#include "host/counted_string_layout.h"
 #include "host/subscription_record.h"
 #include "simhost/msvc/host_list.h"
 #include "simhost/msvc/list_check.h"
@@ -192,6 +193,12 @@ Settings& SharedSettings()
 {
     static Settings* settings = new Settings;
     return *settings;
+}
+
+CloudClient& SharedCloudClient()
+{
+    static CloudClient* client = new CloudClient;
+    return *client;
 }
 
 void Settings::Set(uint32_t number, const wchar_t* section, const wchar_t* value)
@@ -386,7 +393,50 @@ Status AgentClient::Unsubscribe(IProductAgentEvents* events)
     return 0;
 }
 
-CloudStatus CloudClient::PerformRequest(CloudRequest& request, CloudResponse&, uint32_t flag)
+namespace
+{
+bool GuardHolds(const char* at)
+{
+    uint32_t value = 0;
+    memcpy(&value, at, sizeof(value));
+    return value == qm::kCountedStringGuard;
+}
+
+// Writes text into a string the plugin made, through the manager its
+// descriptor names: the block is grown by Realloc when the text does not fit.
+bool WriteCountedString(CountedStringPointer& slot, const char* text)
+{
+    if (slot.text == nullptr)
+        return false;
+    char* block = slot.text - sizeof(qm::CountedStringHeader);
+    qm::CountedStringHeader header;
+    memcpy(&header, block, sizeof(header));
+    qm::CountedStringDescriptor* descriptor = header.descriptor;
+    if (descriptor == nullptr || !GuardHolds(block) || !GuardHolds(block + 12) || descriptor->ownsBlock != 1 ||
+        !GuardHolds(slot.text + descriptor->capacity + 1))
+        return false;
+    const uint64_t length = TextLength(text);
+    if (length > descriptor->capacity)
+    {
+        const uint64_t capacity = length > descriptor->growth ? length : descriptor->growth;
+        char* grown = static_cast<char*>(descriptor->manager->Realloc(block, capacity + qm::kCountedStringOverhead));
+        if (grown == nullptr)
+            return false;
+        Count("cloud.body_grown");
+        block = grown;
+        slot.text = block + sizeof(qm::CountedStringHeader);
+        descriptor->capacity = capacity;
+        const uint32_t guard = qm::kCountedStringGuard;
+        memcpy(slot.text + capacity + 1, &guard, sizeof(guard));
+    }
+    memcpy(slot.text, text, length);
+    slot.text[length] = '\0';
+    descriptor->length = length;
+    return true;
+}
+} // namespace
+
+CloudStatus CloudClient::PerformRequest(CloudRequest& request, CloudResponse& response, uint32_t flag)
 {
     Journal("connect_integrator.PerformRequest", nullptr, flag);
     Count("PerformRequest");
@@ -400,7 +450,16 @@ CloudStatus CloudClient::PerformRequest(CloudRequest& request, CloudResponse&, u
                     record.Method.text != nullptr && SameText(record.Method.text, "get_commercial_id_details") &&
                     record.TimeoutMs == 30000 && record.Reserved == 0 && flag == 1 && paramsOk;
     Count(ok ? "cloud.request_ok" : "cloud.request_bad");
-    return CloudStatus{0, 5};
+    if (!answers)
+        return CloudStatus{0, 5};
+    auto& reply = reinterpret_cast<CloudResponseRecord&>(response);
+    if (!WriteCountedString(reply.Body, answer))
+    {
+        Count("cloud.body_fault");
+        return CloudStatus{0, 14};
+    }
+    Count("cloud.body_written");
+    return CloudStatus{0, 0};
 }
 
 Status SerialExecution::Post(const wchar_t* name, TimerHandle* unused, EqWorkItem* item, uint64_t reserved1,
@@ -535,7 +594,7 @@ Status ComponentManager::GetComponent(const wchar_t* name, const InterfaceId& id
         {L"productinfo", ids::ServConfig, static_cast<IServConfig*>(&SharedSettings())},
         {L"QmServiceStatusClient", ids::ServiceStatusClient, static_cast<IServiceStatusClient*>(&serviceStatus)},
         {L"productagentcommclient", ids::ProductAgentCommClient, static_cast<IProductAgentCommClient*>(&agent)},
-        {L"connect_integrator", ids::ConnectIntegrator, static_cast<IConnectIntegrator*>(&cloud)},
+        {L"connect_integrator", ids::ConnectIntegrator, static_cast<IConnectIntegrator*>(&SharedCloudClient())},
     };
     for (const Known& entry : known)
     {

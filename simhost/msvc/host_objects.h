@@ -152,14 +152,19 @@ public:
 };
 
 // Checks the request as the record's layout gives it (cloud.request_ok or
-// cloud.request_bad) and answers with the failure code 5 and an untouched
-// response.
+// cloud.request_bad). Without an answer it gives the failure code 5 and
+// leaves the response alone; with one it writes the answer into Body,
+// growing it through the manager the string's descriptor names, as the
+// service's client does (cloud.body_written, cloud.body_fault).
 class CloudClient final : public IConnectIntegrator
 {
 public:
     void Reserved1() override {}
     void Reserved2() override {}
     CloudStatus PerformRequest(CloudRequest& request, CloudResponse& response, uint32_t flag) override;
+
+    char answer[1024] = {};
+    bool answers = false;
 };
 
 class SerialExecution final : public ISerialExecution
@@ -209,6 +214,7 @@ public:
 };
 
 Settings& SharedSettings();
+CloudClient& SharedCloudClient();
 
 class ComponentManager final : public IComponentManager
 {
@@ -220,7 +226,6 @@ public:
     SessionClient session;
     ServiceStatusClient serviceStatus;
     AgentClient agent;
-    CloudClient cloud;
 };
 
 class ServMain final : public IServMain

@@ -7,7 +7,8 @@
 //   subscribe.*, unsubscribe.*, observer.*, response.*, serial.*, timer.*
 //   list.exercised, list.failures                the plugin's list, checked in GetSubscription
 //   module.handed, module.state, module.release   module objects of GetModuleInfo
-//   SetConnectAppState.on:<id>, SetConnectAppState.off:<id>, cloud.request_ok, cloud.request_bad
+//   SetConnectAppState.on:<id>, SetConnectAppState.off:<id>, cloud.request_ok, cloud.request_bad,
+//   cloud.body_written, cloud.body_grown, cloud.body_fault
 //   plugin.query_interface.failures               QueryInterface answers that differ from the contract
 #include "simhost/msvc/msvc_host_api.h"
 
@@ -239,6 +240,12 @@ MSVC_HOST_EXPORT void MsvcHost_FreeRecord(void* record)
 
 MSVC_HOST_EXPORT void* MsvcHost_CloudClient(void)
 {
-    static msvc::CloudClient client;
-    return static_cast<IConnectIntegrator*>(&client);
+    return static_cast<IConnectIntegrator*>(&msvc::SharedCloudClient());
+}
+
+MSVC_HOST_EXPORT void MsvcHost_SetCloudAnswer(const char* body)
+{
+    msvc::CloudClient& client = msvc::SharedCloudClient();
+    msvc::CopyText(client.answer, sizeof(client.answer), body);
+    client.answers = true;
 }

@@ -48,8 +48,10 @@
     /* A subscription record the host made (fields, then a host list); freed by MsvcHost_FreeRecord. */               \
     X(void*, MsvcHost_MakeRecord, (const char* bundleId, const int32_t* features, int count))                          \
     X(void, MsvcHost_FreeRecord, (void* record))                                                                       \
-    /* The host's cloud client (IConnectIntegrator*): every request fails with the code 5. */                         \
-    X(void*, MsvcHost_CloudClient, (void))
+    /* The host's cloud client (IConnectIntegrator*); by default every request fails with the code 5. */            \
+    X(void*, MsvcHost_CloudClient, (void))                                                                             \
+    /* Later requests succeed: body is written into the response's Body through the manager its descriptor names. */ \
+    X(void, MsvcHost_SetCloudAnswer, (const char* body))
 
 #define MSVC_HOST_DECLARE(result, name, parameters) typedef result(*name##_fn) parameters;
 MSVC_HOST_ENTRY_POINTS(MSVC_HOST_DECLARE)

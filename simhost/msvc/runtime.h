@@ -12,6 +12,9 @@ extern "C"
         void* value;
     };
 
+    void* memcpy(void* target, const void* source, size_t count);
+    void* memset(void* target, int value, size_t count);
+
     __declspec(dllimport) void* __stdcall GetProcessHeap();
     __declspec(dllimport) void* __stdcall HeapAlloc(void* heap, unsigned long flags, size_t size);
     __declspec(dllimport) int __stdcall HeapFree(void* heap, unsigned long flags, void* block);

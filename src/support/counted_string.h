@@ -19,54 +19,9 @@
 
 namespace qm
 {
-// The 40-byte record beside each block.
-struct CountedStringDescriptor
-{
-    IMemMgr* manager;
-    std::uint64_t length;   // characters in use, without the terminator
-    std::uint64_t capacity; // N
-    std::uint64_t growth;   // smallest step of growth
-    std::uint8_t ownsBlock;      // 1 when the block came from manager
-    std::uint8_t ownsDescriptor; // 1 when this record came from manager
-};
-
-#pragma pack(push, 1)
-// The part of the block in front of the text.
-struct CountedStringHeader
-{
-    std::uint32_t leadingGuard;
-    CountedStringDescriptor* descriptor;
-    std::uint32_t innerGuard;
-};
-#pragma pack(pop)
-
-constexpr std::uint32_t kCountedStringGuard = 0xABCD;
-// Bytes of a block beyond its capacity: header, terminator, trailing guard.
-constexpr std::size_t kCountedStringOverhead = 21;
-constexpr std::uint64_t kCountedStringDefaultGrowth = 64;
-
-static_assert(sizeof(CountedStringDescriptor) == 40, "descriptor is 40 bytes");
-static_assert(offsetof(CountedStringDescriptor, manager) == 0, "descriptor layout");
-static_assert(offsetof(CountedStringDescriptor, length) == 8, "descriptor layout");
-static_assert(offsetof(CountedStringDescriptor, capacity) == 16, "descriptor layout");
-static_assert(offsetof(CountedStringDescriptor, growth) == 24, "descriptor layout");
-static_assert(offsetof(CountedStringDescriptor, ownsBlock) == 32, "descriptor layout");
-static_assert(offsetof(CountedStringDescriptor, ownsDescriptor) == 33, "descriptor layout");
-static_assert(sizeof(CountedStringHeader) == 16, "the text starts 16 bytes into the block");
-static_assert(offsetof(CountedStringHeader, leadingGuard) == 0, "block layout");
-static_assert(offsetof(CountedStringHeader, descriptor) == 4, "block layout");
-static_assert(offsetof(CountedStringHeader, innerGuard) == 12, "block layout");
-static_assert(kCountedStringOverhead == sizeof(CountedStringHeader) + 1 + sizeof(std::uint32_t),
-    "a block is its capacity plus header, terminator and trailing guard");
-
 // Not thread-safe: a string belongs to one thread at a time. Strings this
 // module creates use defaultStringMemMgr; a string made elsewhere keeps the
 // manager its descriptor names, and all growing and freeing goes through it.
-//
-// Fatal failures end the process at once through RaiseFailFastException,
-// which no exception handler sees, so that a string found overwritten is not
-// touched again. They are: a broken guard, seen by Set and the destructor,
-// and a Reserve or Assign that fails inside Set.
 class CountedString
 {
 public:

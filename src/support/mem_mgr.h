@@ -5,26 +5,10 @@
 
 #include <cstdint>
 
+#include "host/counted_string_layout.h"
+
 namespace qm
 {
-// The order of the four operations is the table both modules call through.
-// There is no virtual destructor: a manager's life is its owner's business.
-class IMemMgr
-{
-public:
-    // A block of size bytes, or null.
-    virtual void* Alloc(std::uint64_t size) = 0;
-    // block (which may be null) resized to size bytes, or null with block
-    // left as it was.
-    virtual void* Realloc(void* block, std::uint64_t size) = 0;
-    virtual void Free(void* block) = 0;
-    // Called once each time a string gives this manager up.
-    virtual void Release() = 0;
-
-protected:
-    ~IMemMgr() = default;
-};
-
 // The C runtime's heap: malloc, realloc and free; Release does nothing.
 class StringMemMgr final : public IMemMgr
 {

@@ -2,6 +2,7 @@
 // that the compiler lays out its table; compiled only to dump those layouts
 // (see vtable_check.sh), never linked.
 #include "host/components.h"
+#include "host/counted_string_layout.h"
 #include "host/eq_work_item.h"
 #include "host/list.h"
 #include "host/plugin.h"
@@ -18,7 +19,8 @@ void LayOutTables(IServMain* servMain, IComponentManager* manager, IEventQueue* 
                   IServiceStatusObserver* observer, ISubscriptionEvents* events, ISessionChangeEvents* sessionEvents,
                   IProductAgentEvents* agentEvents, IProductAgentResponse* response, EqWorkItem* item,
                   qm::IList<Features>* list, qm::IListEnum<Features>* enumerator,
-                  qm::IConstListEnum<Features>* constEnumerator, CloudRequest* request, CloudResponse* reply)
+                  qm::IConstListEnum<Features>* constEnumerator, CloudRequest* request, CloudResponse* reply,
+                  qm::IMemMgr* memory)
 {
     // A base first: its own slots are listed only when it is laid out before
     // the interfaces derived from it.
@@ -47,4 +49,5 @@ void LayOutTables(IServMain* servMain, IComponentManager* manager, IEventQueue* 
     list->Count();
     enumerator->Next();
     constEnumerator->Next();
+    memory->Release();
 }
