@@ -1,8 +1,7 @@
 // CAppsManager against the simulated product agent and the real registry:
-// application identifiers, the soho and VPN decisions as tables, the marker
-// no_auto_enable_vp, the install shortcut on the public desktop, module
-// objects released once on every path, and the VPN switched on once by two
-// threads at once.
+// application identifiers, the soho and VPN decisions, no_auto_enable_vp,
+// the install shortcut, module objects released once on every path, and the
+// VPN switched on once by two threads at once.
 #include <windows.h>
 
 #include <knownfolders.h>
@@ -40,7 +39,6 @@ constexpr wchar_t kVpnKey[] = L"Software\\PcpApps\\Vpn";
 constexpr wchar_t kAboutKey[] = L"Software\\PcpApps\\About";
 constexpr wchar_t kFallbackKey[] = L"Software\\Quillmarten";
 constexpr wchar_t kMarker[] = L"no_auto_enable_vp";
-constexpr DWORD kAbsent = 0xFFFFFFFFu;
 constexpr wchar_t kVpn[] = L"com.pcp.vpn";
 
 class Internal final : public IProductCfgInternal
@@ -62,14 +60,8 @@ protected:
     void SetUp() override
     {
         registry.Forget(HKEY_LOCAL_MACHINE, kRoot);
-        host.config.SetMissing(sim::ServConfig::Missing::NotFoundText);
-        host.config.Set(44, L"Desktop", L"com.pcp.product");
-        host.config.Set(217, L"Desktop", kProductKey);
-        host.config.Set(227, L"Desktop", kVpnKey);
-        host.config.Set(203, L"app", kAboutKey);
-        host.config.Set(0, L"BASE", L"PcpApps");
-        SetConfig(L"AV,VP");
-        ASSERT_EQ(apps.Init(&internal, &host.components), 0u);
+        SetText(HKEY_LOCAL_MACHINE, kVpnKey, L"Config", L"AV,VP");
+        ASSERT_NO_FATAL_FAILURE(InitOn(host));
     }
     void TearDown() override
     {
@@ -77,10 +69,16 @@ protected:
         EXPECT_EQ(host.components.Outstanding(), 0);
         EXPECT_EQ(host.productAgent.ModulesReleased(), host.productAgent.ModulesHandedOut());
     }
-    void SetConfig(const wchar_t* text)
+    // Settings 44, 217, 227, 203 and 0 on target, and the manager on its components.
+    void InitOn(sim::Host& target)
     {
-        RegSetKeyValueW(HKEY_LOCAL_MACHINE, kVpnKey, L"Config", REG_SZ, text,
-                        static_cast<DWORD>((wcslen(text) + 1) * sizeof(wchar_t)));
+        target.config.SetMissing(sim::ServConfig::Missing::NotFoundText);
+        target.config.Set(44, L"Desktop", L"com.pcp.product");
+        target.config.Set(217, L"Desktop", kProductKey);
+        target.config.Set(227, L"Desktop", kVpnKey);
+        target.config.Set(203, L"app", kAboutKey);
+        target.config.Set(0, L"BASE", L"PcpApps");
+        ASSERT_EQ(apps.Init(&internal, &target.components), 0u);
     }
     DWORD Marker(const wchar_t* key = kProductKey) const { return registry.Dword(HKEY_LOCAL_MACHINE, key, kMarker); }
     size_t Switched(const std::string& how) const
@@ -139,37 +137,31 @@ TEST_F(AppsManagerTest, VpnAllowedByTypeFreeEditionAndTheExactTokenVP)
         const char* what;
         int32_t type;
         const wchar_t* config; // null: no value
-        int freeApp;           // -1: no value, -2: the text "1"
+        int64_t freeApp;       // IsFreeApp
         bool setting227;
         bool allowed;
     } rows[] = {
-        {"VP alone", 5, L"VP", -1, true, true},
-        {"VP between", 5, L"AV,VP,FW", -1, true, true},
-        {"vp", 5, L"AV,vp", -1, true, false},
-        {"blank VP", 5, L"AV, VP", -1, true, false},
-        {"VPN", 5, L"VPN", -1, true, false},
-        {"empty", 5, L"", -1, true, false},
-        {"type 2", 2, L"VP", -1, true, false},
-        {"type 9", 9, L"VP", -1, true, false},
+        {"VP alone", 5, L"VP", kNone, true, true},
+        {"VP between", 5, L"AV,VP,FW", kNone, true, true},
+        {"vp", 5, L"AV,vp", kNone, true, false},
+        {"blank VP", 5, L"AV, VP", kNone, true, false},
+        {"VPN", 5, L"VPN", kNone, true, false},
+        {"empty", 5, L"", kNone, true, false},
+        {"type 2", 2, L"VP", kNone, true, false},
+        {"type 9", 9, L"VP", kNone, true, false},
         {"type 0, free", 0, L"VP", 1, true, false},
-        {"type 0, free value missing", 0, L"VP", -1, true, true},
+        {"type 0, free value missing", 0, L"VP", kNone, true, true},
         {"type 0, not free", 0, L"VP", 0, true, true},
         {"type 0, IsFreeApp 2", 0, L"VP", 2, true, false},
-        {"type 0, IsFreeApp a text", 0, L"VP", -2, true, true},
-        {"setting 227 missing", 5, L"VP", -1, false, false},
-        {"Config missing", 5, nullptr, -1, true, false},
+        {"type 0, IsFreeApp a text", 0, L"VP", kText, true, true},
+        {"setting 227 missing", 5, L"VP", kNone, false, false},
+        {"Config missing", 5, nullptr, kNone, true, false},
     };
     for (const auto& row : rows)
     {
         SCOPED_TRACE(row.what);
-        RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kVpnKey, L"Config");
-        if (row.config != nullptr)
-            SetConfig(row.config);
-        RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kAboutKey, L"IsFreeApp");
-        if (row.freeApp >= 0)
-            registry.SetDword(HKEY_LOCAL_MACHINE, kAboutKey, L"IsFreeApp", static_cast<DWORD>(row.freeApp));
-        if (row.freeApp == -2)
-            RegSetKeyValueW(HKEY_LOCAL_MACHINE, kAboutKey, L"IsFreeApp", REG_SZ, L"1", 2 * sizeof(wchar_t));
+        PutValue(HKEY_LOCAL_MACHINE, kVpnKey, L"Config", row.config ? kText : kNone, row.config);
+        PutValue(HKEY_LOCAL_MACHINE, kAboutKey, L"IsFreeApp", row.freeApp);
         if (row.setting227)
             host.config.Set(227, L"Desktop", kVpnKey);
         else
@@ -200,8 +192,8 @@ TEST_F(AppsManagerTest, MarkerIsSetUnlessTheProductAgentFails)
         {"off, switched on", 1, 0, false, 1, 1},
         {"on already", 0, 0, false, 1, 0},
         {"state 2", 2, 0, false, 1, 0},
-        {"module unknown", -1, 0, false, kAbsent, 0},
-        {"switching fails", 1, 5, false, kAbsent, 1},
+        {"module unknown", -1, 0, false, kNoValue, 0},
+        {"switching fails", 1, 5, false, kNoValue, 1},
         {"managed organisation", 1, 0, true, 1, 0},
     };
     for (const auto& row : rows)
@@ -209,10 +201,7 @@ TEST_F(AppsManagerTest, MarkerIsSetUnlessTheProductAgentFails)
         SCOPED_TRACE(row.what);
         RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kProductKey, kMarker);
         sim::Host agentHost; // a fresh module table
-        ASSERT_EQ(apps.Init(&internal, &agentHost.components), 0u);
-        agentHost.config.SetMissing(sim::ServConfig::Missing::NotFoundText);
-        for (uint32_t n : {44u, 217u, 227u})
-            agentHost.config.Set(n, L"Desktop", n == 44 ? L"com.pcp.product" : n == 217 ? kProductKey : kVpnKey);
+        ASSERT_NO_FATAL_FAILURE(InitOn(agentHost));
         if (row.state >= 0)
             agentHost.productAgent.SetModule(kVpn, static_cast<uint32_t>(row.state));
         agentHost.productAgent.FailSetConnectAppState(row.setFailure);
@@ -237,7 +226,7 @@ TEST_F(AppsManagerTest, MarkerIsSetUnlessTheProductAgentFails)
         EXPECT_EQ(agentHost.components.Outstanding(), 0);
     }
     internal.msp = false;
-    ASSERT_EQ(apps.Init(&internal, &host.components), 0u);
+    ASSERT_NO_FATAL_FAILURE(InitOn(host));
 
     // Present with 0: nothing is asked of the product agent.
     registry.SetDword(HKEY_LOCAL_MACHINE, kProductKey, kMarker, 0);
@@ -252,7 +241,7 @@ TEST_F(AppsManagerTest, MarkerIsSetUnlessTheProductAgentFails)
     const size_t reads = host.journal.Count(productKeyRead);
     apps.EnableVpn();
     EXPECT_EQ(host.productAgent.ModuleState(kVpn), 0);
-    EXPECT_EQ(Marker(), kAbsent);
+    EXPECT_EQ(Marker(), kNoValue);
     EXPECT_EQ(host.journal.Count(productKeyRead), reads);
 }
 
@@ -265,9 +254,9 @@ TEST_F(AppsManagerTest, MarkerGoesUnderTheFallbackKeyWithoutSetting217)
     host.productAgent.SetModule(kVpn, 0);
     probe.CheckVpn();
     EXPECT_EQ(Marker(kFallbackKey), 1u);
-    EXPECT_EQ(Marker(), kAbsent);
+    EXPECT_EQ(Marker(), kNoValue);
     RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kFallbackKey, kMarker);
-    if (before != kAbsent)
+    if (before != kNoValue)
         registry.SetDword(HKEY_LOCAL_MACHINE, kFallbackKey, kMarker, before);
 }
 
@@ -323,11 +312,7 @@ TEST_F(AppsManagerTest, CheckAppsSwitchesParentalControlOffOnSohoAndGoesOnAfterA
     {
         SCOPED_TRACE(row.what);
         sim::Host agentHost;
-        agentHost.config.SetMissing(sim::ServConfig::Missing::NotFoundText);
-        agentHost.config.Set(44, L"Desktop", L"com.pcp.product");
-        agentHost.config.Set(217, L"Desktop", kProductKey);
-        agentHost.config.Set(227, L"Desktop", kVpnKey);
-        ASSERT_EQ(apps.Init(&internal, &agentHost.components), 0u);
+        ASSERT_NO_FATAL_FAILURE(InitOn(agentHost));
         RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kProductKey, kMarker);
         if (row.firstKnown)
             agentHost.productAgent.SetModule(L"com.pcp.familymentor", row.state);
@@ -350,7 +335,7 @@ TEST_F(AppsManagerTest, CheckAppsSwitchesParentalControlOffOnSohoAndGoesOnAfterA
         EXPECT_EQ(agentHost.productAgent.ModulesReleased(), agentHost.productAgent.ModulesHandedOut());
         apps.UnInit();
     }
-    ASSERT_EQ(apps.Init(&internal, &host.components), 0u);
+    ASSERT_NO_FATAL_FAILURE(InitOn(host));
 }
 
 // The thread that asks for the VPN module first is held inside

@@ -1,79 +1,43 @@
-// CBootstrap against the simulated host, the real file system and the real
-// registry: what Init reads from the file and from Commercial_Details, the
-// cloud request as the client sees it, and every outcome of an update on
-// the file and on the stored identifier.
-#include <windows.h>
-
-#include <gtest/gtest.h>
-
+// CBootstrap against the simulated host, the real file system and registry:
+// what Init reads from the file and from Commercial_Details, the cloud
+// request, and every outcome of an update on the file and the identifier.
 #include <fstream>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "bootstrap/bootstrap.h"
-#include "log_capture.h"
-#include "registry_scratch.h"
-#include "simhost/sim_host.h"
+#include "plugin_fixture.h"
 
 namespace
 {
 using Strings = std::vector<std::string>;
 
-constexpr wchar_t kProductId[] = L"PCPBOOT";
 constexpr wchar_t kSubscriptionKey[] = L".DEFAULT\\SOFTWARE\\Sub_ID_PCPBOOT";
 const std::string kExample = R"({"app_data":{"commercial_details_id":"X1"},"commercial_data":{"k":"v"}})";
+const std::string kNotJson = "CBootstrap::_GetBootstrapData: Not json, syntax error at line ";
+const std::string kNoData = "CBootstrap::_InitCommercialId: Get bootstrap data failed";
 
-// A folder of the test's own with a "settings" folder in it; setting 400 of
-// "Desktop" names it with its trailing separator.
+// Setting 400 of "Desktop" names the test's folder with its trailing separator.
 class BootstrapTest : public ::testing::Test
 {
 protected:
     void SetUp() override
     {
-        folder = NewTempFile(L"pcb");
-        DeleteFileW(folder.c_str());
-        CreateDirectoryW(folder.c_str(), nullptr);
-        CreateDirectoryW((folder + L"\\settings").c_str(), nullptr);
-        host.config.Set(44, L"Desktop", kProductId);
-        host.config.Set(400, L"Desktop", folder + L"\\");
+        host.config.Set(44, L"Desktop", L"PCPBOOT");
+        host.config.Set(400, L"Desktop", folder.path + L"\\");
         registry.Forget(HKEY_USERS, kSubscriptionKey);
     }
-    void TearDown() override
-    {
-        bootstrap.UnInit();
-        DeleteFileW(File().c_str());
-        RemoveDirectoryW((folder + L"\\settings").c_str());
-        RemoveDirectoryW(folder.c_str());
-    }
+    void TearDown() override { bootstrap.UnInit(); }
 
-    std::wstring File() const { return folder + L"\\settings\\bootstrapdata.json"; }
-    void Write(const std::string& content) const
-    {
-        std::ofstream(File().c_str(), std::ios::binary) << content;
-    }
-    // The file's bytes, or nothing when it does not exist.
-    std::optional<std::string> Read() const
-    {
-        std::ifstream in(File().c_str(), std::ios::binary);
-        if (!in)
-            return std::nullopt;
-        std::ostringstream content;
-        content << in.rdbuf();
-        return content.str();
-    }
     Strings Errors() const { return log.Messages("ERROR"); }
 
     LogCapture log;
     RegistryScratch registry;
-    std::wstring folder;
+    SettingsFolder folder{L"pcb"};
     sim::Host host;
     CBootstrap bootstrap;
 };
-
-const std::string kNotJson = "CBootstrap::_GetBootstrapData: Not json, syntax error at line ";
-const std::string kNoData = "CBootstrap::_InitCommercialId: Get bootstrap data failed";
 } // namespace
 
 TEST_F(BootstrapTest, InitTakesTheIdentifierOfAUsableFileOnly)
@@ -107,9 +71,9 @@ TEST_F(BootstrapTest, InitTakesTheIdentifierOfAUsableFileOnly)
     {
         SCOPED_TRACE(row.what);
         CBootstrap fresh;
-        DeleteFileW(File().c_str());
+        DeleteFileW(folder.File().c_str());
         if (row.content)
-            Write(*row.content);
+            folder.Write(*row.content);
         log.Clear();
         ASSERT_EQ(fresh.Init(&host), 0u);
         const Strings errors = Errors();
@@ -120,7 +84,7 @@ TEST_F(BootstrapTest, InitTakesTheIdentifierOfAUsableFileOnly)
         log.Clear();
         EXPECT_EQ(fresh.IsCommercialIdDifferent(row.identifier.empty() ? "X1" : row.identifier),
                   row.identifier.empty());
-        EXPECT_EQ(Read(), row.content); // reading changes nothing
+        EXPECT_EQ(folder.Read(), row.content); // reading changes nothing
         fresh.UnInit();
     }
 }
@@ -128,66 +92,54 @@ TEST_F(BootstrapTest, InitTakesTheIdentifierOfAUsableFileOnly)
 TEST_F(BootstrapTest, WithoutALocationNoFileIsTouchedAndAGluedLocationIsUsed)
 {
     host.config.Remove(400, L"Desktop"); // given as null
-    Write(kExample);
+    folder.Write(kExample);
     ASSERT_EQ(bootstrap.Init(&host), 0u);
     EXPECT_EQ(Errors(), Strings{kNoData});
     host.connectIntegrator.SetAnswer({R"({"k":"v"})"});
     EXPECT_FALSE(bootstrap.UpdateBootstrapData("X2"));
     EXPECT_EQ(host.connectIntegrator.Calls().size(), 1u); // the cloud is asked first
-    EXPECT_EQ(Read(), kExample);
+    EXPECT_EQ(folder.Read(), kExample);
     EXPECT_TRUE(bootstrap.IsCommercialIdDifferent("X2"));
     bootstrap.UnInit();
 
     // A folder text without its separator: the name is glued to it.
-    const std::wstring glued = folder + L"\\gluedsettings";
+    const std::wstring glued = folder.path + L"\\gluedsettings";
     CreateDirectoryW(glued.c_str(), nullptr);
-    host.config.Set(400, L"Desktop", folder + L"\\glued");
+    host.config.Set(400, L"Desktop", folder.path + L"\\glued");
     std::ofstream((glued + L"\\bootstrapdata.json").c_str()) << kExample;
     ASSERT_EQ(bootstrap.Init(&host), 0u);
     EXPECT_FALSE(bootstrap.IsCommercialIdDifferent("X1"));
     EXPECT_TRUE(bootstrap.UpdateBootstrapData("X3"));
     std::ifstream in((glued + L"\\bootstrapdata.json").c_str());
-    std::string content((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}),
+              R"({"app_data":{"commercial_details_id":"X3"},"commercial_data":{"k":"v"}})");
     in.close();
-    EXPECT_EQ(content, R"({"app_data":{"commercial_details_id":"X3"},"commercial_data":{"k":"v"}})");
     DeleteFileW((glued + L"\\bootstrapdata.json").c_str());
     RemoveDirectoryW(glued.c_str());
 }
 
 TEST_F(BootstrapTest, ContactsAreDisabledOnlyByTheNumberZero)
 {
-    struct Row
+    const struct
     {
         const char* what;
-        bool present;
-        bool text;
-        DWORD value;
+        int64_t value; // kText: the text "0"
+        bool productId; // without it there is no key to read
         bool enabled;
+    } rows[] = {
+        {"0", 0, true, false},       {"1", 1, true, true},         {"2", 2, true, true},
+        {"missing", kNone, true, true}, {"a text", kText, true, true}, {"no product id", 0, false, true},
     };
-    const Row rows[] = {
-        {"0", true, false, 0, false},  {"1", true, false, 1, true},   {"2", true, false, 2, true},
-        {"missing", false, false, 0, true}, {"a text", true, true, 0, true},
-    };
-    for (const Row& row : rows)
+    for (const auto& row : rows)
     {
         SCOPED_TRACE(row.what);
-        RegDeleteKeyValueW(HKEY_USERS, kSubscriptionKey, L"Commercial_Details");
-        if (row.present && row.text)
-            RegSetKeyValueW(HKEY_USERS, kSubscriptionKey, L"Commercial_Details", REG_SZ, L"0", 2 * sizeof(wchar_t));
-        else if (row.present)
-            registry.SetDword(HKEY_USERS, kSubscriptionKey, L"Commercial_Details", row.value);
+        PutValue(HKEY_USERS, kSubscriptionKey, L"Commercial_Details", row.value, L"0");
+        host.config.Set(44, L"Desktop", row.productId ? L"PCPBOOT" : L"<error-not-found>");
         CBootstrap fresh;
         ASSERT_EQ(fresh.Init(&host), 0u);
         EXPECT_EQ(fresh.contactsEnabled, row.enabled);
         fresh.UnInit();
     }
-    // Without the product identifier there is no key to read.
-    registry.SetDword(HKEY_USERS, kSubscriptionKey, L"Commercial_Details", 0);
-    host.config.Set(44, L"Desktop", L"<error-not-found>");
-    CBootstrap fresh;
-    ASSERT_EQ(fresh.Init(&host), 0u);
-    EXPECT_TRUE(fresh.contactsEnabled);
-    fresh.UnInit();
 }
 
 TEST_F(BootstrapTest, AnUpdateRewritesTheFileOnlyWithAnObjectFromTheCloud)
@@ -232,9 +184,9 @@ TEST_F(BootstrapTest, AnUpdateRewritesTheFileOnlyWithAnObjectFromTheCloud)
     for (const Row& row : rows)
     {
         SCOPED_TRACE(row.what);
-        DeleteFileW(File().c_str());
+        DeleteFileW(folder.File().c_str());
         if (row.file)
-            Write(*row.file);
+            folder.Write(*row.file);
         CBootstrap fresh;
         ASSERT_EQ(fresh.Init(&host), 0u);
         const bool before = fresh.IsCommercialIdDifferent("X1");
@@ -246,23 +198,13 @@ TEST_F(BootstrapTest, AnUpdateRewritesTheFileOnlyWithAnObjectFromTheCloud)
         // only as errors: a reply that is not an object goes unmentioned.
         EXPECT_EQ(log.Messages("WARN"), Strings{});
         EXPECT_EQ(log.Messages("INFO"), Strings{});
-        EXPECT_EQ(Read(), row.result ? row.after : row.file); // byte for byte
+        EXPECT_EQ(folder.Read(), row.result ? row.after : row.file); // byte for byte
         EXPECT_EQ(fresh.IsCommercialIdDifferent("X1"), row.result ? false : before);
         const auto calls = host.connectIntegrator.Calls();
         ASSERT_FALSE(calls.empty());
         EXPECT_EQ(calls.back().faults, Strings{});
         fresh.UnInit();
     }
-    // Case matters.
-    Write(kExample);
-    CBootstrap fresh;
-    ASSERT_EQ(fresh.Init(&host), 0u);
-    EXPECT_FALSE(fresh.IsCommercialIdDifferent("X1"));
-    EXPECT_TRUE(fresh.IsCommercialIdDifferent("x1"));
-    log.Clear();
-    EXPECT_FALSE(fresh.IsCommercialIdDifferent(""));
-    EXPECT_EQ(Errors(), Strings{"CBootstrap::IsCommercialIdDifferent: commid empty"});
-    fresh.UnInit();
 }
 
 TEST_F(BootstrapTest, TheRequestCarriesTheIdentifierAsEscapedJson)
@@ -279,16 +221,20 @@ TEST_F(BootstrapTest, TheRequestCarriesTheIdentifierAsEscapedJson)
     EXPECT_EQ(calls[0].timeoutMs, 30000u);
     EXPECT_EQ(calls[0].flag, 1u);
     EXPECT_EQ(calls[0].params, R"({"commercial_details_id":"a\"b\\c"})");
-    EXPECT_EQ(Read(), std::string(R"({"app_data":{"commercial_details_id":"a\"b\\c"},"commercial_data":{"k":"v"}})"));
+    EXPECT_EQ(folder.Read(), R"({"app_data":{"commercial_details_id":"a\"b\\c"},"commercial_data":{"k":"v"}})");
     EXPECT_FALSE(bootstrap.IsCommercialIdDifferent(id));
+    EXPECT_TRUE(bootstrap.IsCommercialIdDifferent("A\"B\\C")); // case matters
+    log.Clear();
+    EXPECT_FALSE(bootstrap.IsCommercialIdDifferent(""));
+    EXPECT_EQ(Errors(), Strings{"CBootstrap::IsCommercialIdDifferent: commid empty"});
 }
 
 TEST_F(BootstrapTest, AFileThatCannotBeWrittenLeavesTheIdentifier)
 {
-    Write(kExample);
+    folder.Write(kExample);
     ASSERT_EQ(bootstrap.Init(&host), 0u);
-    RemoveDirectoryW((folder + L"\\settings").c_str()); // not empty: stays
-    host.config.Set(400, L"Desktop", folder + L"\\missing\\");
+    RemoveDirectoryW((folder.path + L"\\settings").c_str()); // not empty: stays
+    host.config.Set(400, L"Desktop", folder.path + L"\\missing\\");
     host.connectIntegrator.SetAnswer({R"({"k":"w"})"});
     log.Clear();
     EXPECT_FALSE(bootstrap.UpdateBootstrapData("X9"));
@@ -296,5 +242,5 @@ TEST_F(BootstrapTest, AFileThatCannotBeWrittenLeavesTheIdentifier)
                                  "CBootstrap::_SaveBootstrapData: Failed to open"}));
     EXPECT_TRUE(bootstrap.IsCommercialIdDifferent("X9"));
     EXPECT_FALSE(bootstrap.IsCommercialIdDifferent("X1"));
-    EXPECT_EQ(Read(), kExample);
+    EXPECT_EQ(folder.Read(), kExample);
 }

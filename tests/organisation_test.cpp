@@ -1,28 +1,21 @@
-// Logons and the managed organisation through the real plugin: the timer
-// re-armed by a logon, the organisation level of the product agent's reply,
-// the value msp_configured in the real registry, the VPN work item and the
-// run of ProductCfg.exe that a change leads to.
+// Logons and the managed organisation through the real plugin: the timer a
+// logon re-arms, the organisation level, msp_configured in the real registry,
+// the VPN work item and the run of ProductCfg.exe that a change leads to.
 #include <string>
 #include <vector>
 
 #include "plugin/product_cfg_plugin.h"
 #include "plugin_fixture.h"
 #include "productcfg_harness.h"
-#include "registry_scratch.h"
 
 namespace
 {
-constexpr wchar_t kSubscriptionKey[] = L".DEFAULT\\SOFTWARE\\Sub_ID_PCPORG";
-constexpr wchar_t kProductRoot[] = L"Software\\PcpOrg";
-constexpr wchar_t kProductKey[] = L"Software\\PcpOrg\\Product";
 constexpr wchar_t kMsp[] = L"msp_configured";
 constexpr wchar_t kFirstRun[] = L"product_config_first_run";
-constexpr DWORD kAbsent = 0xFFFFFFFFu;
 
 const std::string kReply = "CProductConfigurationPlg::OnGetUserInfoExAsync: ";
 const std::string kChange = "CProductConfigurationPlg::_ChangeMspFlagInRegistry: ";
 const std::string kDoConfigEntry = "CProductConfigurationPlg::_DoConfig: -> CProductConfigurationPlg::_DoConfig()";
-const std::string kSession = "CProductConfigurationPlg::OnSessionChange: ";
 const std::wstring kMspRun = L"\"ProductCfg.exe\" config_msp_status";
 
 std::string IsMspLine(bool msp, bool configured)
@@ -30,54 +23,17 @@ std::string IsMspLine(bool msp, bool configured)
     return kReply + "isMsp: " + (msp ? "1" : "0") + " _IsProductConfiguredForMsp: " + (configured ? "1" : "0");
 }
 
-// What msp_configured holds before a reply.
-enum class Flag
-{
-    Absent,
-    Zero,
-    One,
-    Text, // a string of that name: unreadable as a DWORD
-};
-
-// The quiet registry of the run tests: without an account the seccenter is
-// not allowed, so only mspStatus arms the timer, due at once.
-class OrganisationTest : public PluginTest, protected ProductCfgStandIns
+// With the timer due at once: only mspStatus arms it.
+class OrganisationTest : public QuietRunTest, protected ProductCfgStandIns
 {
 protected:
+    OrganisationTest() : QuietRunTest(L"PCPORG", L"PcpOrg") {}
     void SetUp() override
     {
         ASSERT_FALSE(UniqueHandle(OpenEventW(SYNCHRONIZE, FALSE, kInstallDoneEventName)))
             << "another process holds the installer's event";
-        registry.Forget(HKEY_USERS, kSubscriptionKey);
-        registry.Forget(HKEY_LOCAL_MACHINE, kProductRoot);
-        registry.SetDword(HKEY_LOCAL_MACHINE, kProductKey, kFirstRun, 1);
-        registry.SetDword(HKEY_USERS, kSubscriptionKey, L"GsShowed", 1);
-        registry.SetDword(HKEY_LOCAL_MACHINE, kProductKey, L"ProductCfgDelay", 0);
-        ConfigureProduct(*host, L"PCPORG", L"PcpOrg", kProductKey);
-        PluginTest::SetUp();
-    }
-    void TearDown() override
-    {
-        if (running)
-            StopAndUnInit();
-        running = false;
-        PluginTest::TearDown();
-    }
-    void StartPlugin()
-    {
-        running = true;
-        StartLoaded();
-    }
-    void Renew()
-    {
-        if (running)
-            StopAndUnInit();
-        running = false;
-        DestroyPlugin();
-        host = std::make_unique<sim::Host>();
-        ConfigureProduct(*host, L"PCPORG", L"PcpOrg", kProductKey);
-        plugin = module.Create();
-        ASSERT_NE(plugin, nullptr);
+        QuietRunTest::SetUp();
+        registry.SetDword(HKEY_LOCAL_MACHINE, productKey, L"ProductCfgDelay", 0);
     }
 
     void Reply(const wchar_t* level, const wchar_t* text = L"")
@@ -85,15 +41,8 @@ protected:
         host->productAgent.Async().Reply(level, text);
         ASSERT_TRUE(host->WaitIdle());
     }
-    void SetFlag(Flag flag)
-    {
-        RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kProductKey, kMsp);
-        if (flag == Flag::Text)
-            RegSetKeyValueW(HKEY_LOCAL_MACHINE, kProductKey, kMsp, REG_SZ, L"1", 2 * sizeof(wchar_t));
-        else if (flag != Flag::Absent)
-            registry.SetDword(HKEY_LOCAL_MACHINE, kProductKey, kMsp, flag == Flag::One ? 1 : 0);
-    }
-    size_t Armings() const { return host->journal.LinesStartingWith("SetTimer _ProductCfgTimer ").size(); }
+    void SetFlag(int64_t value) { PutValue(HKEY_LOCAL_MACHINE, productKey, kMsp, value); }
+    DWORD Value(const wchar_t* name) const { return registry.Dword(HKEY_LOCAL_MACHINE, productKey, name); }
     size_t VpnItems() const { return host->journal.Count("Post EnableVpn"); }
     // Fires the configuration timer and gives the command line it started.
     std::wstring FireAndLaunch()
@@ -103,9 +52,6 @@ protected:
         EndAll();
         return launched[4];
     }
-
-    RegistryScratch registry;
-    bool running = false;
 };
 
 TEST_F(OrganisationTest, ReplyActsOnlyWhenTheFlagDiffersFromTheRegistry)
@@ -115,22 +61,26 @@ TEST_F(OrganisationTest, ReplyActsOnlyWhenTheFlagDiffersFromTheRegistry)
         const char* what;
         const wchar_t* level;
         const wchar_t* text;
-        Flag before;
+        int64_t before; // msp_configured
         bool msp;
         bool configured;
-        DWORD after; // kAbsent: no DWORD readable
+        DWORD after; // kNoValue: no DWORD readable
         std::string readLine;
     };
     const std::string read = "CProductConfigurationPlg::_IsProductConfiguredForMsp: ";
     const Row rows[] = {
-        {"in, configured", L"1", L"", Flag::One, true, true, 1, read + "Key value: 1"},
-        {"out, absent", L"0", L"", Flag::Absent, false, false, kAbsent, read + "get_dword_value failed, err:2"},
-        {"out, 0", L"2", L"", Flag::Zero, false, false, 0, read + "Key value: 0"},
-        {"out, unreadable", L"", L"", Flag::Text, false, false, kAbsent, read + "get_dword_value failed, err:1630"},
-        {"in, absent", L"1", L"", Flag::Absent, true, false, 1, read + "get_dword_value failed, err:2"},
-        {"in, 0", L"null", L"Org", Flag::Zero, true, false, 1, read + "Key value: 0"},
-        {"in, unreadable", L"1", L"", Flag::Text, true, false, 1, read + "get_dword_value failed, err:1630"},
-        {"out, configured", L"0", L"", Flag::One, false, true, kAbsent, read + "Key value: 1"},
+        {"in, configured", L"1", L"", 1, true, true, 1, read + "Key value: 1"},
+        {"out, absent", L"0", L"", kNone, false, false, kNoValue, read + "get_dword_value failed, err:2"},
+        {"out, 0", L"2", L"", 0, false, false, 0, read + "Key value: 0"},
+        {"out, unreadable", L"", L"", kText, false, false, kNoValue, read + "get_dword_value failed, err:1630"},
+        {"in, absent", L"1", L"", kNone, true, false, 1, read + "get_dword_value failed, err:2"},
+        {"in, 0", L"null", L"Org", 0, true, false, 1, read + "Key value: 0"},
+        {"in, unreadable", L"1", L"", kText, true, false, 1, read + "get_dword_value failed, err:1630"},
+        {"out, configured", L"0", L"", 1, false, true, kNoValue, read + "Key value: 1"},
+        {"null, blank text", L"null", L" ", kNone, true, false, 1, read + "get_dword_value failed, err:2"},
+        {"null, empty text", L"null", L"", kNone, false, false, kNoValue, read + "get_dword_value failed, err:2"},
+        {"10", L"10", L"Org", kNone, false, false, kNoValue, read + "get_dword_value failed, err:2"},
+        {"NULL", L"NULL", L"Org", kNone, false, false, kNoValue, read + "get_dword_value failed, err:2"},
     };
     ASSERT_NO_FATAL_FAILURE(StartPlugin());
     for (const Row& row : rows)
@@ -140,15 +90,20 @@ TEST_F(OrganisationTest, ReplyActsOnlyWhenTheFlagDiffersFromTheRegistry)
         log.Clear();
         const size_t armings = Armings();
         const size_t vpn = VpnItems();
+        const size_t asked = host->journal.Count("userinfo.GetOrganizationText");
         ASSERT_NO_FATAL_FAILURE(Reply(row.level, row.text));
         const bool change = row.msp != row.configured;
 
+        EXPECT_TRUE(log.Contains("INFO", kReply + "Organization level is " + sim::Narrow(row.level)));
+        // The text is asked for exactly when the level is "null".
+        EXPECT_EQ(host->journal.Count("userinfo.GetOrganizationText") - asked,
+                  std::wstring(row.level) == L"null" ? 1u : 0u);
         EXPECT_TRUE(log.Contains("INFO", IsMspLine(row.msp, row.configured)));
         EXPECT_TRUE(log.Contains("INFO", row.readLine));
-        EXPECT_EQ(registry.Dword(HKEY_LOCAL_MACHINE, kProductKey, kMsp), row.after);
-        if (!change && row.before == Flag::Text)
+        EXPECT_EQ(Value(kMsp), row.after);
+        if (!change && row.before == kText)
         {
-            EXPECT_EQ(registry.String(HKEY_LOCAL_MACHINE, kProductKey, kMsp), L"1");
+            EXPECT_EQ(registry.String(HKEY_LOCAL_MACHINE, productKey, kMsp), L"1");
         }
         EXPECT_EQ(log.Contains("INFO", kChange + "result: 0"), change);
         EXPECT_EQ(log.Contains("INFO", kReply + "Not necessary to enable VPN."), change && row.msp);
@@ -164,36 +119,9 @@ TEST_F(OrganisationTest, ReplyActsOnlyWhenTheFlagDiffersFromTheRegistry)
     }
 }
 
-TEST_F(OrganisationTest, LevelDecidesTheFlagByExactComparison)
-{
-    const struct
-    {
-        const wchar_t* level;
-        const wchar_t* text;
-        bool msp;
-        bool textAsked;
-    } rows[] = {
-        {L"1", L"Org", true, false},  {L"null", L" ", true, true}, {L"null", L"", false, true},
-        {L"10", L"Org", false, false}, {L"2", L"Org", false, false}, {L"NULL", L"Org", false, false},
-        {L"0", L"Org", false, false},  {L"", L"Org", false, false},
-    };
-    ASSERT_NO_FATAL_FAILURE(StartPlugin());
-    for (const auto& row : rows)
-    {
-        SCOPED_TRACE(sim::Narrow(row.level));
-        SetFlag(Flag::Absent);
-        log.Clear();
-        const size_t asked = host->journal.Count("userinfo.GetOrganizationText");
-        ASSERT_NO_FATAL_FAILURE(Reply(row.level, row.text));
-        EXPECT_TRUE(log.Contains("INFO", kReply + "Organization level is " + sim::Narrow(row.level)));
-        EXPECT_TRUE(log.Contains("INFO", IsMspLine(row.msp, false)));
-        EXPECT_EQ(host->journal.Count("userinfo.GetOrganizationText") - asked, row.textAsked ? 1u : 0u);
-    }
-}
-
 TEST_F(OrganisationTest, IdenticalRepliesActOnceAndWithoutProductKeyEveryReplyCounts)
 {
-    SetFlag(Flag::Absent);
+    SetFlag(kNone);
     ASSERT_NO_FATAL_FAILURE(StartPlugin());
     for (const wchar_t* level : {L"1", L"0"})
     {
@@ -224,7 +152,7 @@ TEST_F(OrganisationTest, IdenticalRepliesActOnceAndWithoutProductKeyEveryReplyCo
         EXPECT_EQ(log.Count("INFO", kChange), 0u);
         EXPECT_EQ(FireAndLaunch(), kMspRun);
     }
-    EXPECT_EQ(registry.Dword(HKEY_LOCAL_MACHINE, kProductKey, kMsp), kAbsent);
+    EXPECT_EQ(Value(kMsp), kNoValue);
 }
 
 TEST_F(OrganisationTest, ChangeDuringTheInstallerWaitRunsAfterIt)
@@ -244,10 +172,10 @@ TEST_F(OrganisationTest, ChangeDuringTheInstallerWaitRunsAfterIt)
         ASSERT_NO_FATAL_FAILURE(Renew());
         if (row.seccenter)
         {
-            RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kProductKey, kFirstRun);
-            RegDeleteKeyValueW(HKEY_USERS, kSubscriptionKey, L"GsShowed");
+            RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, productKey.c_str(), kFirstRun);
+            RegDeleteKeyValueW(HKEY_USERS, subscriptionKey.c_str(), L"GsShowed");
         }
-        SetFlag(Flag::One);
+        SetFlag(1);
         standin::Installer installer;
         ASSERT_TRUE(installer.Started());
         log.Clear();
@@ -257,7 +185,7 @@ TEST_F(OrganisationTest, ChangeDuringTheInstallerWaitRunsAfterIt)
                                         "installer");
         }));
         ASSERT_NO_FATAL_FAILURE(Reply(L"0"));
-        EXPECT_EQ(registry.Dword(HKEY_LOCAL_MACHINE, kProductKey, kMsp), kAbsent);
+        EXPECT_EQ(Value(kMsp), kNoValue);
         EXPECT_EQ(VpnItems(), 1u);
         EXPECT_EQ(log.Count("TRACE", kDoConfigEntry), 0u);
         EXPECT_EQ(Armings(), 0u);
@@ -266,9 +194,7 @@ TEST_F(OrganisationTest, ChangeDuringTheInstallerWaitRunsAfterIt)
         ASSERT_TRUE(Eventually([&] { return Armings() == 1; }));
         EXPECT_EQ(log.Count("TRACE", kDoConfigEntry), 1u);
         EXPECT_EQ(FireAndLaunch(), row.run);
-        // Stop before the installer goes, as the other tests expect none.
-        StopAndUnInit();
-        running = false;
+        StopPlugin(); // before the installer goes: the other tests expect none
     }
 }
 
@@ -281,13 +207,13 @@ TEST_F(OrganisationTest, EarlyReplyDecidesAgainstTheEmptyRecord)
         const char* what;
         sim::AnswerTiming timing;
         DWORD marker;
-    } rows[] = {{"early", sim::AnswerTiming::Early, 1}, {"late", sim::AnswerTiming::Late, kAbsent}};
+    } rows[] = {{"early", sim::AnswerTiming::Early, 1}, {"late", sim::AnswerTiming::Late, kNoValue}};
     for (const auto& row : rows)
     {
         SCOPED_TRACE(row.what);
         ASSERT_NO_FATAL_FAILURE(Renew());
-        RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kProductKey, kFirstRun);
-        SetFlag(Flag::Absent);
+        RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, productKey.c_str(), kFirstRun);
+        SetFlag(kNone);
         host->subscription.SetRecord(MakeRecord(3, 3, 1, "acc-org"));
         host->productAgent.Async().SetAnswer(L"1", L"", row.timing);
         log.Clear();
@@ -296,7 +222,7 @@ TEST_F(OrganisationTest, EarlyReplyDecidesAgainstTheEmptyRecord)
         ASSERT_TRUE(host->WaitIdle());
 
         EXPECT_TRUE(log.Contains("INFO", IsMspLine(true, false)));
-        EXPECT_EQ(registry.Dword(HKEY_LOCAL_MACHINE, kProductKey, kFirstRun), row.marker);
+        EXPECT_EQ(Value(kFirstRun), row.marker);
         const size_t reply = host->journal.Find("productagent -> OnGetUserInfoExAsync \"1\"");
         const size_t fetch = host->journal.Find("SubscriptionCommClient.GetSubscription");
         ASSERT_NE(reply, sim::Journal::npos);
@@ -305,8 +231,9 @@ TEST_F(OrganisationTest, EarlyReplyDecidesAgainstTheEmptyRecord)
     }
 }
 
-TEST_F(OrganisationTest, OnlyALogonWithItsSessionInformationArmsTheTimer)
+TEST_F(OrganisationTest, OnlyLogonsWithSessionInformationArmTheTimerAndOneCountsFromTheLast)
 {
+    registry.SetDword(HKEY_LOCAL_MACHINE, productKey, L"ProductCfgDelay", 30);
     WTSSESSION_NOTIFICATION info{sizeof(WTSSESSION_NOTIFICATION), 1};
     ASSERT_NO_FATAL_FAILURE(StartPlugin());
     for (uint32_t event : {1u, 2u, 3u, 4u, 6u, 7u, 11u, 5u})
@@ -318,23 +245,19 @@ TEST_F(OrganisationTest, OnlyALogonWithItsSessionInformationArmsTheTimer)
             log.Clear();
             host->sessionChange.Deliver(0xFFFFFFFFu, event, with);
             ASSERT_TRUE(host->WaitIdle());
-            EXPECT_TRUE(log.Contains("INFO", kSession + "time=4294967295 event=" + std::to_string(event)));
+            EXPECT_TRUE(log.Contains("INFO", "CProductConfigurationPlg::OnSessionChange: time=4294967295 event=" +
+                                                 std::to_string(event)));
         }
     }
     EXPECT_EQ(host->journal.Count("Post Async_StartProductCfgTimer"), 0u);
     EXPECT_EQ(Armings(), 0u);
-}
 
-TEST_F(OrganisationTest, LogonsLeaveOneTimerCountingFromTheLastAndItFindsNothingToDo)
-{
-    registry.SetDword(HKEY_LOCAL_MACHINE, kProductKey, L"ProductCfgDelay", 30);
-    WTSSESSION_NOTIFICATION info{sizeof(WTSSESSION_NOTIFICATION), 1};
-    ASSERT_NO_FATAL_FAILURE(StartPlugin());
-    host->sessionChange.Deliver(0, 5, &info);
-    ASSERT_TRUE(host->WaitIdle());
-    host->queue.Advance(1000);
-    host->sessionChange.Deliver(0, 5, &info);
-    ASSERT_TRUE(host->WaitIdle());
+    for (uint64_t ms : {0u, 1000u})
+    {
+        host->queue.Advance(ms);
+        host->sessionChange.Deliver(0, 5, &info);
+        ASSERT_TRUE(host->WaitIdle());
+    }
     EXPECT_EQ(host->journal.Count("Run Async_StartProductCfgTimer"), 2u);
     EXPECT_EQ(Armings(), 2u);
     const auto timers = host->queue.Timers();
