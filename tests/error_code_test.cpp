@@ -36,9 +36,7 @@ TEST(WinErrorCategory, OneNamedObjectWhoseCodesDifferFromTheSystemCategorys)
 {
     const std::error_category& category = winapi::win_category();
     EXPECT_EQ(&category, &winapi::win_category());
-    for (const int call : {1, 2})
-        EXPECT_STREQ(category.name(), "win_error") << "call " << call;
-    EXPECT_NE(dynamic_cast<const winapi::details::win_error_category*>(&category), nullptr);
+    EXPECT_STREQ(category.name(), "win_error");
 
     const std::error_code failure = winapi::make_win_error(5);
     EXPECT_EQ(failure.value(), 5);
@@ -47,10 +45,5 @@ TEST(WinErrorCategory, OneNamedObjectWhoseCodesDifferFromTheSystemCategorys)
     EXPECT_EQ(category.default_error_condition(5), std::error_condition(5, category));
     EXPECT_TRUE(failure == std::error_condition(5, category));
     EXPECT_FALSE(failure == std::error_condition(5, std::generic_category()));
-
-    const std::error_code success;
-    EXPECT_EQ(success.value(), 0);
-    EXPECT_EQ(&success.category(), &std::system_category());
-    EXPECT_FALSE(success);
 }
 } // namespace

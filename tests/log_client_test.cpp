@@ -51,9 +51,6 @@ const fs::path& ProgramFolder()
     return folder;
 }
 
-constexpr int kThreads = 4;
-constexpr int kRounds = 100;
-
 const std::string kUnloadLines[] = {"CALL  LogDeinit()", "CALL  LogUninitDeskMetrics()",
                                     "CALL  LogRemoveModule(logging::CLogDLL::~CLogDLL)"};
 
@@ -197,9 +194,7 @@ TEST_F(LogClientTest, LastReleaseUnloadsAndAReferenceGivesUpAllItsAcquisitions)
     EXPECT_EQ(std::count(lines.begin(), lines.end(), "CALL  LogInit()"), 2);
 }
 
-// A log.dll the host has loaded already is used whatever it lacks: without
-// LogWrite nothing is written; without LogIsEnabled messages stay off and
-// nothing is formatted, while the trace lines still reach LogWrite.
+// Without LogIsEnabled messages stay off while trace lines still reach LogWrite.
 TEST_F(LogClientTest, AnAlreadyLoadedLibraryIsUsedWhateverItLacks)
 {
     const struct
@@ -244,8 +239,6 @@ TEST_F(LogClientTest, AnAlreadyLoadedLibraryIsUsedWhateverItLacks)
     }
 }
 
-// The exit line comes from the scope's end, with the milliseconds from the
-// entry to that moment.
 TEST_F(LogClientTest, TheExitLineIsWrittenWhenTheScopeEndsWithTheMillisecondsSpent)
 {
     constexpr DWORD kSpent = 40;
@@ -312,6 +305,8 @@ TEST_F(LogClientTest, OnlyALibraryBesideTheClientsOwnModuleIsLoaded)
 
 TEST_F(LogClientTest, ThreadsLoadUnloadAndWriteConcurrently)
 {
+    constexpr int kThreads = 4;
+    constexpr int kRounds = 100;
     // Holders trace under references of their own, which load and unload
     // the library again and again; the others trace whenever it is loaded.
     std::vector<std::thread> threads;

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <string>
 
+#include "log_capture.h"
 #include "runner/scenario.h"
 
 namespace
@@ -66,8 +67,6 @@ TEST(ScenarioParse, RefusesMalformedInputWithPlaceAndExpectation)
         {"{\"modules\": {\"com.q.vpn\": true}, \"steps\": []}",
          "modules.com.q.vpn: expected a whole number from 0 to 4294967295, found true or false"},
         {"{\"modules\": {\"com.q.vpn\": 1,\n \"com.q.vpn\": 0}, \"steps\": []}", "line 2: duplicate key \"com.q.vpn\""},
-        {"{\"fail_set_connect_app_state\": 4294967296, \"steps\": []}",
-         "fail_set_connect_app_state: expected a whole number from 0 to 4294967295, found 4294967296"},
         // Settings, registry values and failing components.
         {"{\"settings\": [{\"number\": 44, \"section\": \"Desktop\"}], \"steps\": []}",
          "settings[0].value: missing (expected a text)"},
@@ -95,8 +94,6 @@ TEST(ScenarioParse, RefusesMalformedInputWithPlaceAndExpectation)
          "start_wscsvc, subscription)"},
         {"{\"steps\": [{\"ms\": 5}]}", "steps[0].do: missing (expected a text)"},
         {"{\"steps\": [5]}", "steps[0]: expected an object, found a number"},
-        {"{\"steps\": [{\"do\": \"advance\", \"ms\": -5}]}",
-         "steps[0].ms: expected a whole number from 0 to 2592000000, found -5"},
         {"{\"steps\": [{\"do\": \"advance\", \"ms\": 1.5}]}",
          "steps[0].ms: expected a whole number from 0 to 2592000000, found 1.5"},
         {"{\"steps\": [\"advance\"]}", "steps[0].ms: missing (expected a whole number from 0 to 2592000000)"},
@@ -144,8 +141,6 @@ TEST(ScenarioParse, RefusesMalformedInputWithPlaceAndExpectation)
          "cloud_answers: expected a list of at least one {body, error, delay_ms}"},
         {"{\"cloud_answers\": [{\"body\": \"{}\"}, {\"delay_ms\": 5001}], \"steps\": []}",
          "cloud_answers[1].delay_ms: expected a whole number from 0 to 5000, found 5001"},
-        {"{\"cloud_answers\": [{\"error\": -1}], \"steps\": []}",
-         "cloud_answers[0].error: expected a whole number from 0 to 4294967295, found -1"},
         {"{\"cloud_answers\": [{\"body\": 5}], \"steps\": []}",
          "cloud_answers[0].body: expected a text, found a number"},
         {"{\"cloud_answers\": [{\"bodies\": \"\"}], \"steps\": []}",
@@ -263,21 +258,9 @@ TEST(ScenarioParse, ValidScenarioBecomesTheRecord)
     EXPECT_EQ(Describe(record), "key_type -2147483648, product_type 3, server_product_type 2147483647, "
                                 "status_code 4294967295, valid true, days_left 30, account_id \"acc\", "
                                 "bundle_id \"q\\\"\\xc3\\xbc\", commercial_id \"C1\", features [9, -1, 9]");
-
-    // Everything but the steps has a default.
-    const ParseResult minimal = ParseScenario("{\"steps\": []}");
-    ASSERT_TRUE(minimal.scenario.has_value()) << minimal.error;
-    EXPECT_EQ(minimal.scenario->missingSetting, MissingSetting::Null);
-    EXPECT_EQ(minimal.scenario->hostServiceStatus, 1u);
-    EXPECT_TRUE(minimal.scenario->productAgentAsync);
-    EXPECT_EQ(minimal.scenario->failSerialExecution, 0u);
-    EXPECT_TRUE(minimal.scenario->failComponents.empty());
-    EXPECT_TRUE(minimal.scenario->modules.empty());
-    EXPECT_EQ(minimal.scenario->failSetConnectAppState, 0u);
-    EXPECT_FALSE(minimal.scenario->subscription.has_value());
 }
 
-TEST(ScenarioParse, CommercialKeysBecomeTheRecord)
+TEST(ScenarioParse, CommercialKeysBecomeTheRecordAndEveryKeyButStepsHasADefault)
 {
     const ParseResult result = ParseScenario(R"({
       "settings": [{"number": 44, "section": "Desktop", "value": "QMX"}],
@@ -309,52 +292,46 @@ TEST(ScenarioParse, CommercialKeysBecomeTheRecord)
         EXPECT_EQ(parsed.scenario->bootstrapFile, row.expected) << row.file;
     }
 
-    // Without the keys: no file of the runner's, the registry and the cloud untouched.
+    // Everything but the steps has a default: no file of the runner's, the
+    // registry and the cloud untouched.
     const ParseResult minimal = ParseScenario("{\"steps\": []}");
     ASSERT_TRUE(minimal.scenario.has_value()) << minimal.error;
-    EXPECT_FALSE(minimal.scenario->bootstrapFile.has_value());
-    EXPECT_FALSE(minimal.scenario->commercialDetails.has_value());
-    EXPECT_TRUE(minimal.scenario->cloudAnswers.empty());
+    const Scenario& m = *minimal.scenario;
+    EXPECT_EQ(m.missingSetting, MissingSetting::Null);
+    EXPECT_EQ(m.hostServiceStatus, 1u);
+    EXPECT_TRUE(m.productAgentAsync);
+    EXPECT_EQ(m.failSerialExecution, 0u);
+    EXPECT_TRUE(m.failComponents.empty());
+    EXPECT_TRUE(m.modules.empty());
+    EXPECT_EQ(m.failSetConnectAppState, 0u);
+    EXPECT_FALSE(m.subscription.has_value());
+    EXPECT_FALSE(m.bootstrapFile.has_value());
+    EXPECT_FALSE(m.commercialDetails.has_value());
+    EXPECT_TRUE(m.cloudAnswers.empty());
 }
-
-// A file in the temporary folder, removed again at the end of the test.
-class TempFile
-{
-public:
-    explicit TempFile(const std::string& content)
-    {
-        wchar_t folder[MAX_PATH + 1] = {};
-        GetTempPathW(MAX_PATH + 1, folder);
-        path = std::wstring(folder) + L"scenario_test_" + std::to_wstring(GetCurrentProcessId()) + L".json";
-        std::ofstream(path.c_str(), std::ios::binary) << content;
-    }
-    ~TempFile() { DeleteFileW(path.c_str()); }
-    TempFile(const TempFile&) = delete;
-    TempFile& operator=(const TempFile&) = delete;
-
-    std::wstring path;
-};
 
 TEST(ScenarioFile, ReadsTextOrTellsWhyNot)
 {
+    const struct
     {
-        const TempFile file("\xEF\xBB\xBF{\"steps\": []}");
-        const FileText read = ReadScenarioFile(file.path);
-        ASSERT_TRUE(read.text.has_value()) << read.error;
-        EXPECT_EQ(*read.text, "{\"steps\": []}");
-    }
+        std::string content;
+        std::optional<std::string> text;
+        std::string error;
+    } rows[] = {
+        {"\xEF\xBB\xBF{\"steps\": []}", "{\"steps\": []}", ""},
+        {" \r\n\t", std::nullopt, "the file is empty (expected a JSON object with \"steps\")"},
+        {std::string(kMaxScenarioBytes + 1, ' '), std::nullopt, "the file is larger than 1048576 bytes"},
+    };
+    const std::wstring path = NewTempFile(L"scn");
+    for (const auto& row : rows)
     {
-        const TempFile file(" \r\n\t");
-        const FileText read = ReadScenarioFile(file.path);
-        EXPECT_FALSE(read.text.has_value());
-        EXPECT_EQ(read.error, "the file is empty (expected a JSON object with \"steps\")");
+        SCOPED_TRACE(row.error);
+        std::ofstream(path.c_str(), std::ios::binary | std::ios::trunc) << row.content;
+        const FileText read = ReadScenarioFile(path);
+        EXPECT_EQ(read.text, row.text);
+        EXPECT_EQ(read.error, row.error);
     }
-    {
-        const TempFile file(std::string(kMaxScenarioBytes + 1, ' '));
-        const FileText read = ReadScenarioFile(file.path);
-        EXPECT_FALSE(read.text.has_value());
-        EXPECT_EQ(read.error, "the file is larger than 1048576 bytes");
-    }
+    DeleteFileW(path.c_str());
     const FileText missing = ReadScenarioFile(L"no such folder\\no such file.json");
     EXPECT_FALSE(missing.text.has_value());
     EXPECT_EQ(missing.error.rfind("cannot open the file (", 0), 0u) << missing.error;
