@@ -199,11 +199,6 @@ TEST(CountedStringTest, FailedAllocationLeavesTheStringUnchanged)
     EXPECT_STREQ("abc", plugin.Text());
 }
 
-bool FailedFast(int status)
-{
-    return static_cast<DWORD>(status) == 0xC0000602; // STATUS_FAIL_FAST_EXCEPTION, not an access fault
-}
-
 // Capacity 8: the guards are at text - 16, text - 4 and text + 9.
 void BreakGuardThen(int at, bool set)
 {
@@ -220,10 +215,10 @@ void BreakGuardThen(int at, bool set)
 
 TEST(CountedStringDeathTest, BrokenGuardFailsFastWithoutTouchingPastTheBlock)
 {
+    // STATUS_FAIL_FAST_EXCEPTION, not an access fault
+    const auto failedFast = [](int status) { return static_cast<DWORD>(status) == 0xC0000602; };
     for (const int at : {-16, -4, 9})
-    {
-        EXPECT_EXIT(BreakGuardThen(at, true), FailedFast, "") << at;
-        EXPECT_EXIT(BreakGuardThen(at, false), FailedFast, "") << at;
-    }
+        for (const bool set : {true, false})
+            EXPECT_EXIT(BreakGuardThen(at, set), failedFast, "") << at << (set ? " Set" : " destruction");
 }
 } // namespace

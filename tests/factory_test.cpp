@@ -41,11 +41,6 @@ Fn Export(HMODULE module, const char* nameOrOrdinal)
     return reinterpret_cast<Fn>(reinterpret_cast<void*>(GetProcAddress(module, nameOrOrdinal)));
 }
 
-const char* Ordinal(WORD ordinal)
-{
-    return MAKEINTRESOURCEA(ordinal);
-}
-
 // True while p lies in an allocated block of the C runtime's heap, which is
 // where the DLL's operator new puts the plugin object: the object's storage
 // is given back exactly when the factory destroys it.
@@ -111,9 +106,9 @@ protected:
 
 TEST_F(FactoryTest, OrdinalsOneAndTwoAreTheTwoExports)
 {
-    EXPECT_EQ(Export<CreateFn>(module.get(), Ordinal(1)), create);
-    EXPECT_EQ(Export<DestroyFn>(module.get(), Ordinal(2)), destroy);
-    EXPECT_EQ(GetProcAddress(module.get(), Ordinal(3)), nullptr);
+    EXPECT_EQ(Export<CreateFn>(module.get(), MAKEINTRESOURCEA(1)), create);
+    EXPECT_EQ(Export<DestroyFn>(module.get(), MAKEINTRESOURCEA(2)), destroy);
+    EXPECT_EQ(GetProcAddress(module.get(), MAKEINTRESOURCEA(3)), nullptr);
 }
 
 TEST_F(FactoryTest, EitherIdentifierGivesTheOneSharedObject)
@@ -137,7 +132,9 @@ TEST_F(FactoryTest, EitherIdentifierGivesTheOneSharedObject)
     }
 }
 
-TEST_F(FactoryTest, RejectedRequestsGiveTheirStatusAndCreateNothing)
+// Rejected creates and destroys that name no object of the plugin leave the
+// count alone: one destroy still ends the one object.
+TEST_F(FactoryTest, RejectedCreatesAndForeignDestroysCountNothing)
 {
     struct Row
     {
@@ -145,16 +142,10 @@ TEST_F(FactoryTest, RejectedRequestsGiveTheirStatusAndCreateNothing)
         InterfaceId id;
         uint32_t status;
     };
-    const Row rows[] = {
-        {kName, kMixedAB, kInvalidData},
-        {kName, kMixedBA, kInvalidData},
-        {L"ProductConfigPlg", ids::ServPluginA, kNotFound},
-        {L"someotherplg", ids::ServPluginB, kNotFound},
-        {L"someotherplg", kForeign, kInvalidData},
-        {L"", ids::ServPluginA, kNotFound},
-        {nullptr, ids::ServPluginA, kInvalidData},
-    };
-    for (const Row& row : rows)
+    for (const Row& row : {Row{kName, kMixedAB, kInvalidData}, Row{kName, kMixedBA, kInvalidData},
+                           Row{L"ProductConfigPlg", ids::ServPluginA, kNotFound},
+                           Row{L"someotherplg", ids::ServPluginB, kNotFound}, Row{L"someotherplg", kForeign, kInvalidData},
+                           Row{L"", ids::ServPluginA, kNotFound}, Row{nullptr, ids::ServPluginA, kInvalidData}})
     {
         SCOPED_TRACE(testing::Message() << "name " << (row.name ? row.name : L"(null)") << ", id 0x" << std::hex
                                         << row.id.first);
@@ -164,10 +155,13 @@ TEST_F(FactoryTest, RejectedRequestsGiveTheirStatusAndCreateNothing)
     }
     EXPECT_EQ(create(kName, ids::ServPluginA, nullptr), kInvalidData);
 
-    // None of the rejections counted: one destroy ends the next object.
     Lease lease = Create(ids::ServPluginA);
     ASSERT_EQ(lease.status, 0u);
     void* const object = lease.object;
+    destroy(kName, nullptr);
+    for (const wchar_t* other : {L"someotherplg", L"ProductConfigPlg", L""})
+        destroy(other, object);
+    ASSERT_TRUE(IsAllocated(object));
     lease.Release();
     EXPECT_FALSE(IsAllocated(object));
 }
@@ -191,29 +185,9 @@ TEST_F(FactoryTest, LastDestroyEndsTheObjectAndTheNextCreateBuildsAnother)
 
     Lease fresh = Create(ids::ServPluginB);
     ASSERT_EQ(fresh.status, 0u);
-    ASSERT_TRUE(IsAllocated(fresh.object));
     EXPECT_EQ(static_cast<IServPlugin*>(fresh.object)->QueryInterface(ids::ServPluginA), fresh.object);
     void* const freshObject = fresh.object;
     fresh.Release();
     EXPECT_FALSE(IsAllocated(freshObject));
-}
-
-TEST_F(FactoryTest, DestroyWithNullObjectOrAnotherNameKeepsTheCount)
-{
-    Lease lease = Create(ids::ServPluginA);
-    ASSERT_EQ(lease.status, 0u);
-    void* const object = lease.object;
-
-    destroy(kName, nullptr);
-    destroy(L"someotherplg", object);
-    destroy(L"ProductConfigPlg", object);
-    destroy(L"", object);
-    ASSERT_TRUE(IsAllocated(object));
-
-    Lease again = Create(ids::ServPluginA);
-    EXPECT_EQ(again.object, object);
-    again.Release();
-    lease.Release();
-    EXPECT_FALSE(IsAllocated(object));
 }
 } // namespace

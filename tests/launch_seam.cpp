@@ -83,9 +83,8 @@ using seam::Api;
 
 HANDLE WINAPI SeamOpenProcess(DWORD access, WINBOOL inherit, DWORD pid)
 {
-    if (access == SYNCHRONIZE && Fails(Api::OpenProcessSynchronize))
-        return nullptr;
-    return __real___imp_OpenProcess(access, inherit, pid);
+    return access == SYNCHRONIZE && Fails(Api::OpenProcessSynchronize) ? nullptr
+                                                                       : __real___imp_OpenProcess(access, inherit, pid);
 }
 
 WINBOOL WINAPI SeamOpenProcessToken(HANDLE process, DWORD access, PHANDLE token)
@@ -101,18 +100,16 @@ WINBOOL WINAPI SeamLookupPrivilegeValueW(LPCWSTR system, LPCWSTR name, PLUID lui
 WINBOOL WINAPI SeamGetTokenInformation(HANDLE token, TOKEN_INFORMATION_CLASS type, LPVOID data, DWORD size,
                                        PDWORD length)
 {
-    if ((type == TokenElevationType && Fails(Api::TokenElevationType)) ||
-        (type == TokenLinkedToken && Fails(Api::TokenLinkedToken)))
-        return FALSE;
-    return __real___imp_GetTokenInformation(token, type, data, size, length);
+    const bool fails = (type == TokenElevationType && Fails(Api::TokenElevationType)) ||
+                       (type == TokenLinkedToken && Fails(Api::TokenLinkedToken));
+    return fails ? FALSE : __real___imp_GetTokenInformation(token, type, data, size, length);
 }
 
 WINBOOL WINAPI SeamDuplicateTokenEx(HANDLE token, DWORD access, LPSECURITY_ATTRIBUTES attributes,
                                     SECURITY_IMPERSONATION_LEVEL level, TOKEN_TYPE type, PHANDLE duplicate)
 {
-    if (Fails(Api::DuplicateTokenEx))
-        return FALSE;
-    return __real___imp_DuplicateTokenEx(token, access, attributes, level, type, duplicate);
+    return Fails(Api::DuplicateTokenEx) ? FALSE
+                                        : __real___imp_DuplicateTokenEx(token, access, attributes, level, type, duplicate);
 }
 
 WINBOOL WINAPI SeamSetTokenInformation(HANDLE token, TOKEN_INFORMATION_CLASS type, LPVOID data, DWORD size)
@@ -142,9 +139,9 @@ WINBOOL WINAPI SeamCreateProcessAsUserW(HANDLE token, LPCWSTR application, LPWST
 
 int WINAPI SeamMultiByteToWideChar(UINT codePage, DWORD flags, LPCCH text, int bytes, LPWSTR wide, int chars)
 {
-    if (codePage == CP_UTF8 && chars == 0 && Fails(Api::MultiByteToWideCharUtf8))
-        return 0;
-    return __real___imp_MultiByteToWideChar(codePage, flags, text, bytes, wide, chars);
+    return codePage == CP_UTF8 && chars == 0 && Fails(Api::MultiByteToWideCharUtf8)
+               ? 0
+               : __real___imp_MultiByteToWideChar(codePage, flags, text, bytes, wide, chars);
 }
 } // namespace
 

@@ -1,8 +1,7 @@
-// ProductCfg.exe stand-ins (standins/productcfg) for tests that start one or
-// wait for one to be started: each records itself into a file of the test's
-// own, signals a named event of the test's own and stays for a minute. When
-// the harness goes, every ProductCfg.exe it started or that this process
-// started otherwise (the code under test) has ended.
+// ProductCfg.exe stand-ins (standins/productcfg): each records itself into a
+// file of the test's own, signals an event of the test's own and stays for a
+// minute. When the harness goes, every ProductCfg.exe this process started
+// (itself or through the code under test) has ended.
 #pragma once
 
 #include <windows.h>
@@ -96,7 +95,7 @@ public:
     // Number of stand-ins that have recorded themselves so far.
     size_t Recorded() const { return RecordLines().size(); }
     // Whether stand-in pid, started or taken into keeping here, still runs.
-    bool Running(DWORD pid) const
+    bool Running(DWORD pid)
     {
         const auto found = Find(pid);
         return found != processes.end() && WaitForSingleObject(found->second.get(), 0) == WAIT_TIMEOUT;
@@ -114,9 +113,8 @@ public:
              ms += 10)
             Sleep(10);
     }
-    // Ends every stand-in in keeping, and every other ProductCfg.exe that
-    // this process started (the code under test, unasked, possibly so late
-    // that it has not recorded itself yet), until each is gone.
+    // Ends every stand-in in keeping and every other ProductCfg.exe this
+    // process started (possibly not yet recorded), until each is gone.
     void EndAll()
     {
         for (const DWORD pid : Children())
@@ -159,10 +157,6 @@ private:
                 children.push_back(entry.th32ProcessID);
         }
         return children;
-    }
-    Processes::const_iterator Find(DWORD pid) const
-    {
-        return std::find_if(processes.begin(), processes.end(), [&](const auto& p) { return p.first == pid; });
     }
     Processes::iterator Find(DWORD pid)
     {

@@ -8,8 +8,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <functional>
+#include <future>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -32,25 +32,12 @@ private:
 };
 
 // A gate that a test opens; waiting on it is bounded.
-class Gate
+struct Gate
 {
-public:
-    void Open()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        open = true;
-        changed.notify_all();
-    }
-    bool Wait()
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, std::chrono::seconds(10), [&] { return open; });
-    }
-
-private:
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool open = false;
+    std::promise<void> opened;
+    const std::shared_future<void> open = opened.get_future().share();
+    void Open() { opened.set_value(); }
+    bool Wait() const { return open.wait_for(std::chrono::seconds(10)) == std::future_status::ready; }
 };
 
 // Thread-safe record of what ran, in order.
