@@ -1,8 +1,6 @@
-// Stop against everything else that runs in the plugin, on real threads and
-// at a different moment each time: timer items, records, replies of the
-// product agent, _DelayedLoad, a running installer (InstallerStandin.exe) and
-// an earlier ProductCfg.exe. A Stop that does not return within the bound is
-// a failure, never a hung test.
+// Stop at a different moment each time against timer items, records, agent
+// replies, _DelayedLoad, an installer and an earlier ProductCfg.exe, all on
+// real threads; a Stop that does not return in the bound is a failure.
 #include <atomic>
 #include <fstream>
 #include <future>
@@ -49,9 +47,8 @@ SubscriptionData Record(int32_t serverType, uint32_t statusCode = 0)
 }
 SubscriptionData Cycled(size_t n) { return n % 6 == 0 ? Record(5) : n % 6 == 3 ? Record(0, 7) : Record(3); }
 
-// Calls body on a thread of its own once, then up to cap times in all until
-// told to finish. One whose Finish failed is detached: the test has failed
-// and leaves what it uses alive.
+// Calls body on a thread of its own once, then up to cap times until told to
+// finish; detached when Finish failed, leaving what it uses alive.
 class Worker
 {
 public:
@@ -99,8 +96,7 @@ bool StopReturns(IServPlugin* plugin)
     return false;
 }
 
-// The ProductCfg.exe instances that timer items launch record themselves
-// into a file of the test's own; each has ended when the test ends.
+// The ProductCfg.exe instances launched record themselves in a file of ours.
 class Launches
 {
 public:
@@ -223,8 +219,7 @@ bool StopRaceTest::Iteration(int i, Kind kind, standin::HeldProductCfg* earlier)
     {
         if (earlier == nullptr)
             return abandon("Stop");
-        // A Stop held up by the wait for the earlier process: once that
-        // process ends, Stop should come back on its own.
+        // Held up by the earlier process: Stop should return once it ends.
         ADD_FAILURE() << "Stop did not return within the bound while a timer item waited for an earlier "
                          "ProductCfg.exe; the process is ended now";
         earlier->Release();
@@ -280,9 +275,8 @@ TEST_F(StopRaceTest, StopEndsEverythingWhateverRunsBesideIt)
             return;
 }
 
-// Without a race: the timer item waits for the earlier process, and a
-// record's decision re-arms the timer on the serial execution, where it waits
-// for that item (WaitTimer) when Stop comes.
+// Without a race: Stop comes while a record's decision re-arms the timer and
+// waits (WaitTimer) for the timer item, which waits for the earlier process.
 TEST_F(StopRaceTest, StopEndsTheWaitForAnEarlierProcessWhileARecordReArmsTheTimer)
 {
     standin::HeldProductCfg earlier;

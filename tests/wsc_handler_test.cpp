@@ -200,9 +200,7 @@ TEST_F(WscHandlerTest, WithoutMarkerOrProductKeyNoEventNoThreadHoweverManyRefres
             << OpenHandleCount() << " handles after 20 refreshes and Stop, " << handles << " before";
         EXPECT_EQ(Count(kCheckEntry), 0u);
 
-        // The one attempt of the object is still there: with the setting and
-        // the marker in place the next refresh starts it, and without the
-        // service the marker stays for the next object.
+        // The object's one attempt is left; without "wscsvc" the marker stays.
         config.Set(217, L"Desktop", kProductKey);
         SetMarker(registry);
         handler->UnregisterFirewallIfNeeded();
@@ -299,12 +297,10 @@ TEST_F(WscHandlerTest, RunningOrStartingServiceGetsOneAttemptAtOnceOnTheCheckThr
     }
 }
 
-// Each object of a stopped service is stopped during the wait: the marker
-// stays for the next. Once the service runs, what the earlier objects asked
-// to be told reaches nobody, and each object does the job once. Wine carries
-// the notifications on worker threads of its own that come and go, a few
-// handles each: the stopped rounds are allowed their slack, far below the 25
-// that one handle left per round would add.
+// Objects stopped while waiting for a stopped service leave the marker; once
+// it runs, their notifications reach nobody and each new object does the job
+// once. Wine's own notification workers (a few handles each, coming and
+// going) get a slack far below the 25 that a handle left per round adds.
 TEST_F(WscHandlerTest, StopDuringTheWaitLeavesTheMarkerAndNoRoundLeavesAHandle)
 {
     standin::Wscsvc service;
