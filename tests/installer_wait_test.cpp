@@ -1,8 +1,5 @@
-// The wait for a running installer, through the real plugin: the installer's
-// named event is created by another process (InstallerStandin.exe). While it
-// exists and is not set, records change the status block but no decision is
-// taken; when it is set, waitThread takes exactly one, on the latest status;
-// Stop ends the wait without one.
+// The wait for a running installer, whose named event InstallerStandin.exe
+// holds, through the real plugin.
 #include <string>
 #include <vector>
 
@@ -24,8 +21,7 @@ const std::string kWaitEnded = "CProductConfigurationPlg::_WaitForEventsAndConfi
 const std::string kRecordEntry =
     "CProductConfigurationPlg::_OnSubscriptionChanged: -> CProductConfigurationPlg::_OnSubscriptionChanged()";
 
-// A record with an account, so the marker of a run without one is never
-// involved: cfgStatus follows the two product types.
+// With an account, cfgStatus follows the two product types alone.
 SubscriptionData Record(int32_t serverType, int32_t localType, uint32_t statusCode = 0)
 {
     return MakeRecord(serverType, localType, statusCode, "acc-installer");
@@ -39,9 +35,8 @@ protected:
         registry.Forget(HKEY_USERS, kSubscriptionKey);
         registry.Forget(HKEY_LOCAL_MACHINE, kTestKey);
         ConfigureProduct(*host, L"PCPINSTALLERWAIT", L"PcpInstallerWait", kProductKey);
-        // The seccenter is not allowed (GsShowed present, no onboarding key),
-        // so a decision arms the timer exactly when cfgStatus is 1; the
-        // timer is never due within a test.
+        // The seccenter is not allowed: a decision arms the timer, never due
+        // here, exactly when cfgStatus is 1.
         registry.SetDword(HKEY_USERS, kSubscriptionKey, L"GsShowed", 1);
         registry.SetDword(HKEY_LOCAL_MACHINE, kProductKey, L"ProductCfgDelay", 36000);
         host->subscription.SetRecord(Record(3, 3));
@@ -64,7 +59,6 @@ protected:
 
     // Lines at INFO or TRACE that start with line.
     size_t Count(const std::string& line) const { return log.Count("INFO", line) + log.Count("TRACE", line); }
-    size_t DoConfigRuns() const { return Count(kDoConfigEntry); }
     std::vector<std::string> Decisions() const
     {
         std::vector<std::string> found;
@@ -74,8 +68,6 @@ protected:
         return found;
     }
     size_t TimersArmed() const { return host->ledger.ReceivedCount("_ProductCfgTimer"); }
-
-    std::vector<std::string> Threads(const std::string& prefix) const { return log.Threads(prefix); }
 
     RegistryScratch registry;
     standin::Installer installer;
@@ -87,42 +79,38 @@ TEST_F(InstallerWaitTest, RecordsWaitForTheInstallerThenOneDecisionOnTheLatestSt
     StartWithInstaller();
     for (const SubscriptionData& record : {Record(5, 3), Record(3, 3), Record(0, 3, 7), Record(4, 3)})
         Deliver(record);
-    EXPECT_EQ(host->ledger.ReceivedCount("_OnSubscriptionChanged"), 4u);
-    EXPECT_EQ(DoConfigRuns(), 0u);
+    EXPECT_EQ(host->ledger.ReceivedCount("_OnSubscriptionChanged"), 4u); // taken, not decided
+    EXPECT_EQ(Count(kDoConfigEntry), 0u);
     EXPECT_EQ(TimersArmed(), 0u);
 
     installer.Finish();
-    ASSERT_TRUE(Eventually([&] { return !Threads(kWaitEnded).empty(); }));
-    EXPECT_EQ(DoConfigRuns(), 1u);
-    EXPECT_EQ(Decisions(), std::vector<std::string>{"cfgStatus = 1; comStatus = 0"});
+    ASSERT_TRUE(Eventually([&] { return !log.Threads(kWaitEnded).empty(); }));
     EXPECT_EQ(TimersArmed(), 1u);
-    EXPECT_EQ(Count(kStopped), 0u);
-    const std::string waitThread = Threads(kWaiting).at(0);
-    EXPECT_EQ(Threads(kDoConfigEntry), std::vector<std::string>{waitThread});
+    const std::string waitThread = log.Threads(kWaiting).at(0);
+    EXPECT_EQ(log.Threads(kDoConfigEntry), std::vector<std::string>{waitThread});
 
     // The installer is done: a record decides on the serial execution again.
+    // The first decision, on the latest status, was waitThread's.
     Deliver(Record(3, 3));
     EXPECT_EQ(Decisions(), (std::vector<std::string>{"cfgStatus = 1; comStatus = 0", "cfgStatus = 0; comStatus = 0"}));
-    const std::vector<std::string> doConfig = Threads(kDoConfigEntry);
+    const std::vector<std::string> doConfig = log.Threads(kDoConfigEntry);
     ASSERT_EQ(doConfig.size(), 2u);
-    EXPECT_EQ(doConfig[1], Threads(kRecordEntry).back());
+    EXPECT_EQ(doConfig[1], log.Threads(kRecordEntry).back());
     EXPECT_NE(doConfig[1], waitThread);
 
     StopAndUnInit();
-    EXPECT_EQ(Count(kStopped), 0u);
+    EXPECT_EQ(Count(kStopped), 0u); // the wait had ended
 }
 
 TEST_F(InstallerWaitTest, InstallerDoneBeforeTheLoadButStillThereGivesOneDecisionOnWaitThread)
 {
-    // The event exists and is set already: the wait ends at once.
-    installer.Finish();
+    installer.Finish(); // the event exists and is set already
     const UniqueHandle done(OpenEventW(SYNCHRONIZE, FALSE, kInstallDoneEventName));
     ASSERT_TRUE(done);
     ASSERT_EQ(WaitForSingleObject(done.get(), standin::kBoundMs), WAIT_OBJECT_0);
     StartWithInstaller();
-    ASSERT_TRUE(Eventually([&] { return !Threads(kWaitEnded).empty(); }));
-    EXPECT_EQ(DoConfigRuns(), 1u);
-    EXPECT_EQ(Threads(kDoConfigEntry), Threads(kWaiting));
+    ASSERT_TRUE(Eventually([&] { return !log.Threads(kWaitEnded).empty(); }));
+    EXPECT_EQ(log.Threads(kDoConfigEntry), log.Threads(kWaiting)); // once, on waitThread
     EXPECT_EQ(Decisions(), std::vector<std::string>{"cfgStatus = 0; comStatus = 0"});
     StopAndUnInit();
 }
@@ -131,17 +119,12 @@ TEST_F(InstallerWaitTest, StopDuringTheWaitEndsItWithoutADecision)
 {
     StartWithInstaller();
     Deliver(Record(5, 3));
-    plugin->Stop();
-    // Stop has joined waitThread: its last words are in the log.
-    EXPECT_EQ(Count(kStopped), 1u);
-    EXPECT_EQ(Threads(kStopped), Threads(kWaiting));
-    EXPECT_EQ(DoConfigRuns(), 0u);
+    plugin->Stop(); // joins waitThread, whose last words are logged
+    EXPECT_EQ(log.Threads(kStopped), log.Threads(kWaiting));
     EXPECT_EQ(TimersArmed(), 0u);
-
-    // The installer ending afterwards finds nobody waiting.
-    installer.Finish();
+    installer.Finish(); // finds nobody waiting
     plugin->UnInit();
     DestroyPlugin();
-    EXPECT_EQ(DoConfigRuns(), 0u);
+    EXPECT_EQ(Count(kDoConfigEntry), 0u);
     EXPECT_EQ(host->ledger.Outstanding(), 0u);
 }

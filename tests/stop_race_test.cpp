@@ -1,14 +1,9 @@
-// Stop against everything else that runs in the plugin, on real threads and
-// many times over: timer items run by a thread of the test, records handed
-// to the serial execution without waiting, replies of the product agent, and
-// Stop coming at a different moment each time; also right after Start,
-// while waitThread waits for an installer (InstallerStandin.exe), and while
-// a timer item waits for an earlier ProductCfg.exe. Every wait is bounded:
-// a Stop that does not return is a failure, never a hung test.
+// Stop at a different moment each time against timer items, records, agent
+// replies, _DelayedLoad, an installer and an earlier ProductCfg.exe, all on
+// real threads; a Stop that does not return in the bound is a failure.
 #include <atomic>
-#include <condition_variable>
 #include <fstream>
-#include <mutex>
+#include <future>
 
 #include "plugin_fixture.h"
 #include "registry_scratch.h"
@@ -33,6 +28,7 @@ const std::string kProcessWait =
 const std::string kLaunch = "CProductConfigurationPlg::_ProductCfgTimer: Restarting ProductCfg.exe with parameters: ";
 const std::string kLaunchFailed = "CProductConfigurationPlg::_ProductCfgTimer: Failed to create process, err: ";
 const std::string kDoConfigEntry = "CProductConfigurationPlg::_DoConfig: -> CProductConfigurationPlg::_DoConfig()";
+const std::string kStopExit = "CProductConfigurationPlg::Stop: <- ";
 
 enum class Kind
 {
@@ -41,84 +37,51 @@ enum class Kind
     Installer,       // the same while waitThread waits for the installer
     EarlierProcess,  // the same while a timer item waits for ProductCfg.exe
 };
+const char* const kKindNames[] = {"right after Start", "busy", "installer running", "earlier ProductCfg.exe running"};
 
-const char* Name(Kind kind)
-{
-    switch (kind)
-    {
-    case Kind::RightAfterStart: return "right after Start";
-    case Kind::Busy: return "busy";
-    case Kind::Installer: return "installer running";
-    default: return "earlier ProductCfg.exe running";
-    }
-}
-
+// One record in six asks for a run (cfgStatus 1); the others do not, or
+// carry an unknown product type.
 SubscriptionData Record(int32_t serverType, uint32_t statusCode = 0)
 {
     return MakeRecord(serverType, 3, statusCode, "acc-race");
 }
+SubscriptionData Cycled(size_t n) { return n % 6 == 0 ? Record(5) : n % 6 == 3 ? Record(0, 7) : Record(3); }
 
-// One record in six asks for a run (cfgStatus 1); the others do not, or
-// carry an unknown product type.
-SubscriptionData Cycled(size_t n)
-{
-    switch (n % 6)
-    {
-    case 0: return Record(5);
-    case 3: return Record(0, 7);
-    default: return Record(3);
-    }
-}
-
-// Calls body on a thread of its own once, then up to cap times in all until
-// told to finish.
+// Calls body on a thread of its own once, then up to cap times until told to
+// finish; detached when Finish failed, leaving what it uses alive.
 class Worker
 {
 public:
-    Worker(size_t cap, std::function<void()> body) : cap(cap), body(std::move(body)), thread([this] { Run(); }) {}
-    // A worker whose Finish failed is detached: the test has failed and
-    // leaves what it uses alive.
+    Worker(size_t cap, std::function<void()> body)
+        : thread([this, cap, body] {
+              for (size_t n = 0; n < cap && (n == 0 || !stopping); ++n, ++rounds)
+                  body();
+              done.set_value();
+          })
+    {
+    }
     ~Worker()
     {
         if (thread.joinable())
             thread.detach();
     }
-    Worker(const Worker&) = delete;
-    Worker& operator=(const Worker&) = delete;
 
     size_t Rounds() const { return rounds; }
     // false when the body did not return within the bound.
     bool Finish()
     {
         stopping = true;
-        std::unique_lock<std::mutex> lock(mutex);
-        if (!changed.wait_for(lock, kBound, [&] { return finished; }))
+        if (finished.wait_for(kBound) != std::future_status::ready)
             return false;
-        lock.unlock();
         thread.join();
         return true;
     }
 
 private:
-    void Run()
-    {
-        for (size_t n = 0; n < cap && (n == 0 || !stopping); ++n)
-        {
-            body();
-            ++rounds;
-        }
-        std::lock_guard<std::mutex> lock(mutex);
-        finished = true;
-        changed.notify_all();
-    }
-
-    const size_t cap;
-    const std::function<void()> body;
     std::atomic<bool> stopping{false};
     std::atomic<size_t> rounds{0};
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool finished = false;
+    std::promise<void> done;
+    std::future<void> finished = done.get_future();
     std::thread thread;
 };
 
@@ -133,8 +96,7 @@ bool StopReturns(IServPlugin* plugin)
     return false;
 }
 
-// The ProductCfg.exe instances that timer items launch record themselves
-// into a file of the test's own; each has ended when the test ends.
+// The ProductCfg.exe instances launched record themselves in a file of ours.
 class Launches
 {
 public:
@@ -151,7 +113,6 @@ public:
         DeleteFileW(path.c_str());
     }
     Launches(const Launches&) = delete;
-    Launches& operator=(const Launches&) = delete;
 
     // Waits until count more instances have recorded themselves, then until
     // each recorded one has ended; one that does not is terminated.
@@ -159,7 +120,13 @@ public:
     {
         expected += count;
         std::vector<DWORD> pids;
-        bool ok = Eventually([&] { return (pids = Pids()).size() >= expected; });
+        bool ok = Eventually([&] {
+            pids.clear();
+            std::ifstream in(path.c_str(), std::ios::binary);
+            for (std::string line; std::getline(in, line);)
+                pids.push_back(std::stoul(line));
+            return pids.size() >= expected;
+        });
         for (; ended < pids.size(); ++ended)
         {
             const UniqueHandle process(OpenProcess(SYNCHRONIZE | PROCESS_TERMINATE, FALSE, pids[ended]));
@@ -174,20 +141,10 @@ public:
     }
 
 private:
-    std::vector<DWORD> Pids() const
-    {
-        std::ifstream in(path.c_str(), std::ios::binary);
-        std::vector<DWORD> pids;
-        for (std::string line; std::getline(in, line);)
-            pids.push_back(std::stoul(line));
-        return pids;
-    }
-
     std::wstring path;
     size_t expected = 0;
     size_t ended = 0;
 };
-
 class StopRaceTest : public ::testing::Test
 {
 protected:
@@ -203,6 +160,7 @@ protected:
     }
 
     size_t Count(const char* level, const std::string& prefix) const { return log.Count(level, prefix); }
+    bool LaunchesEnded() { return launches.AwaitEnded(Count("INFO", kLaunch) - Count("ERROR", kLaunchFailed)); }
 
     // One plugin object from Init to QmDestroyObject with Stop racing; false
     // when a bounded wait failed and the objects in use were left alive.
@@ -216,7 +174,7 @@ protected:
 
 bool StopRaceTest::Iteration(int i, Kind kind, standin::HeldProductCfg* earlier)
 {
-    SCOPED_TRACE(std::string("iteration ") + std::to_string(i) + ", " + Name(kind));
+    SCOPED_TRACE("iteration " + std::to_string(i) + ", " + kKindNames[static_cast<int>(kind)]);
     log.Clear();
     auto host = std::make_unique<sim::Host>();
     ConfigureProduct(*host, L"PCPSTOPRACE", L"PcpStopRace", kProductKey);
@@ -241,20 +199,18 @@ bool StopRaceTest::Iteration(int i, Kind kind, standin::HeldProductCfg* earlier)
     // Right after Start, Stop meets _DelayedLoad queued or running; else it
     // comes after a different number of records each time.
     if (kind == Kind::RightAfterStart)
-    {
         EXPECT_TRUE(i % 4 == 0 || host->journal.WaitFor("Run _DelayedLoad"));
-    }
     else
     {
         EXPECT_TRUE(host->WaitIdle());
         EXPECT_TRUE(kind != Kind::Installer || Eventually([&] { return Count("INFO", kWaiting) == 1; }));
         sim::Host* h = host.get();
-        workers.push_back(std::make_unique<Worker>(kRoundsPerWorker, [h] { h->queue.Advance(3600000); }));
         auto delivered = std::make_shared<std::atomic<size_t>>(0);
-        workers.push_back(std::make_unique<Worker>(
-            kRoundsPerWorker, [h, delivered] { h->subscription.Deliver(Cycled((*delivered)++), false); }));
-        workers.push_back(std::make_unique<Worker>(
-            kRoundsPerWorker, [h] { h->productAgent.Async().Reply(L"1", L"Stop race organisation", false); }));
+        for (std::function<void()> body : std::vector<std::function<void()>>{
+                 [h] { h->queue.Advance(3600000); },
+                 [h, delivered] { h->subscription.Deliver(Cycled((*delivered)++), false); },
+                 [h] { h->productAgent.Async().Reply(L"1", L"Stop race organisation", false); }})
+            workers.push_back(std::make_unique<Worker>(kRoundsPerWorker, body));
         EXPECT_TRUE(kind != Kind::EarlierProcess || Eventually([&] { return Count("INFO", kProcessWait) == 1; }));
         EXPECT_TRUE(Eventually([&] { return workers[1]->Rounds() > static_cast<size_t>(i % 7); }));
     }
@@ -263,43 +219,37 @@ bool StopRaceTest::Iteration(int i, Kind kind, standin::HeldProductCfg* earlier)
     {
         if (earlier == nullptr)
             return abandon("Stop");
-        // A Stop held up by the wait for the earlier process: once that
-        // process ends, Stop should come back on its own.
+        // Held up by the earlier process: Stop should return once it ends.
         ADD_FAILURE() << "Stop did not return within the bound while a timer item waited for an earlier "
                          "ProductCfg.exe; the process is ended now";
         earlier->Release();
-        if (!Eventually([&] { return Count("TRACE", "CProductConfigurationPlg::Stop: <- ") == 1; }))
+        if (!Eventually([&] { return Count("TRACE", kStopExit) == 1; }))
             return abandon("Stop, even after the earlier process ended,");
     }
     for (auto& worker : workers)
-    {
         if (!worker->Finish())
             return abandon("a worker");
-    }
 
-    switch (kind)
+    if (kind == Kind::Installer)
     {
-    case Kind::Installer:
         EXPECT_EQ(Count("INFO", kWaitThreadStopped), 1u);
         EXPECT_EQ(Count("TRACE", kDoConfigEntry), 0u);
-        break;
-    case Kind::EarlierProcess:
+    }
+    else if (kind == Kind::EarlierProcess)
+    {
         // A timer item re-armed by a record may meet the stop event too; none
         // starts a process while the earlier one runs.
         EXPECT_GE(Count("INFO", kTimerStopped), 1u);
         EXPECT_EQ(Count("INFO", kLaunch), 0u);
-        break;
-    default:
-        // No installer: waitThread never ran. (A timer item may have met the
-        // stop event while an instance it launched itself was still ending.)
-        EXPECT_EQ(Count("INFO", kWaitThreadStopped), 0u);
     }
+    else // no installer: waitThread never ran
+        EXPECT_EQ(Count("INFO", kWaitThreadStopped), 0u);
 
     plugin->UnInit();
     module.Destroy(plugin);
     ExpectNothingLeft(*host);
     EXPECT_EQ(host->journal.LinesStartingWith("ERROR"), std::vector<std::string>{});
-    EXPECT_TRUE(launches.AwaitEnded(Count("INFO", kLaunch) - Count("ERROR", kLaunchFailed)));
+    EXPECT_TRUE(LaunchesEnded());
     return true;
 }
 } // namespace
@@ -308,32 +258,25 @@ TEST_F(StopRaceTest, StopEndsEverythingWhateverRunsBesideIt)
 {
     int i = 0;
     for (; i < 26; ++i)
-    {
         if (!Iteration(i, i % 2 == 0 ? Kind::RightAfterStart : Kind::Busy, nullptr))
             return;
-    }
     {
         standin::Installer installer;
         ASSERT_TRUE(installer.Started()) << "InstallerStandin.exe exit code "
                                          << installer.EarlyExit().value_or(0xFFFFFFFFu);
         for (; i < 38; ++i)
-        {
             if (!Iteration(i, Kind::Installer, nullptr))
                 return;
-        }
     }
     standin::HeldProductCfg earlier;
     ASSERT_TRUE(earlier.Started()) << earlier.Problem();
     for (; i < kIterations && !HasFailure(); ++i)
-    {
         if (!Iteration(i, Kind::EarlierProcess, &earlier))
             return;
-    }
 }
 
-// The same moment without a race: the timer item waits for the earlier
-// process, and a record's decision re-arms the timer on the serial execution,
-// where it waits for that item (WaitTimer) when Stop comes.
+// Without a race: Stop comes while a record's decision re-arms the timer and
+// waits (WaitTimer) for the timer item, which waits for the earlier process.
 TEST_F(StopRaceTest, StopEndsTheWaitForAnEarlierProcessWhileARecordReArmsTheTimer)
 {
     standin::HeldProductCfg earlier;
@@ -352,30 +295,24 @@ TEST_F(StopRaceTest, StopEndsTheWaitForAnEarlierProcessWhileARecordReArmsTheTime
     host.subscription.Deliver(Record(5), false);
     ASSERT_TRUE(host.journal.WaitFor("WaitTimer _ProductCfgTimer"));
 
-    const auto start = std::chrono::steady_clock::now();
     const bool returned = StopReturns(plugin);
     EXPECT_TRUE(returned) << "Stop waits for the serial execution, whose item waits for the timer item, which "
                              "waits for the earlier ProductCfg.exe or the stop event that Stop sets only later";
     if (!returned)
     {
         earlier.Release();
-        ASSERT_TRUE(Eventually([&] { return Count("TRACE", "CProductConfigurationPlg::Stop: <- ") == 1; }, 60s));
-        std::printf("Stop returned %lld ms after it was called, once the earlier process had ended\n",
-                    static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                               std::chrono::steady_clock::now() - start)
-                                               .count()));
+        ASSERT_TRUE(Eventually([&] { return Count("TRACE", kStopExit) == 1; }, 60s));
     }
     ASSERT_TRUE(timer.Finish());
     EXPECT_EQ(Count("INFO", kTimerStopped), returned ? 1u : 0u);
     plugin->UnInit();
     module.Destroy(plugin);
-    EXPECT_TRUE(launches.AwaitEnded(Count("INFO", kLaunch) - Count("ERROR", kLaunchFailed)));
+    EXPECT_TRUE(LaunchesEnded());
     ExpectNothingLeft(host);
 }
 
 // Stop while _DelayedLoad runs on the serial execution: the item is held at
 // its start until Stop has removed every sink, and then registers its own.
-// Whatever the interleaving, no sink may stay registered after Stop.
 TEST_F(StopRaceTest, StopMeetingARunningDelayedLoadLeavesNoSink)
 {
     sim::Host host;

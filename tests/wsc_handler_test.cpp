@@ -1,21 +1,11 @@
-// CWscHandler against the real service control manager: WscsvcStandin.exe is
-// installed as "wscsvc" and started early, late, held in START_PENDING or not
-// at all; wsc.dll is the stand-in that records its load, its UnInstall calls
-// and its unload with their threads; the marker lives in the real registry.
-// The handler alone gets "productinfo" from the simulated component manager,
-// without the simulated host's threads, whose lazily made synchronisation
-// objects would blur the count of this process's handles. Then the same
-// through the plugin, where the first record finds the marker.
+// CWscHandler against the real service control manager ("wscsvc" is
+// WscsvcStandin.exe), the recording wsc.dll stand-in and the real registry;
+// alone, without the simulated host's threads that would blur the handle
+// count, and then through the plugin.
 #include <windows.h>
 
 #include <algorithm>
-#include <chrono>
-#include <cstddef>
 #include <fstream>
-#include <memory>
-#include <sstream>
-#include <string>
-#include <vector>
 
 #include "handle_count.h"
 #include "plugin_fixture.h"
@@ -35,6 +25,7 @@ const std::string kCheckEntry = "CWscHandler::_CheckWscsvcAndUninstallFw: -> ";
 const std::string kCheckExit = "CWscHandler::_CheckWscsvcAndUninstallFw: <- ";
 const std::string kUpEntry = "CWscHandler::_IsWscServiceUp: -> ";
 const std::string kUpExit = "CWscHandler::_IsWscServiceUp: <- ";
+const std::string kRefreshEntry = "CWscHandler::UnregisterFirewallIfNeeded: -> ";
 const Strings kJobDone = {"attach", "UnInstall 1", "detach"};
 
 // What wsc.dll (the copy loaded under that name) recorded, as "attach",
@@ -49,26 +40,23 @@ public:
         DeleteFileW(path.c_str());
     }
     WscRecord(const WscRecord&) = delete;
-    WscRecord& operator=(const WscRecord&) = delete;
 
+    // Lines are "wsc.dll", what, its arguments and the thread, tab-separated.
     Strings Lines(Strings* threads = nullptr) const
     {
         std::ifstream in(path.c_str(), std::ios::binary);
         Strings lines;
         for (std::string line; std::getline(in, line);)
         {
-            Strings fields;
-            std::istringstream split(line.substr(0, line.find('\r')));
-            for (std::string field; std::getline(split, field, '\t');)
-                fields.push_back(field);
-            if (fields.size() < 3 || fields[0] != "wsc.dll")
+            line = line.substr(0, line.find('\r'));
+            const size_t last = line.rfind('\t');
+            if (line.rfind("wsc.dll\t", 0) != 0 || last == std::string::npos || last <= 8)
                 continue;
-            std::string what = fields[1];
-            for (size_t i = 2; i + 1 < fields.size(); ++i)
-                what += " " + fields[i];
+            std::string what = line.substr(8, last - 8);
+            std::replace(what.begin(), what.end(), '\t', ' ');
             lines.push_back(what);
             if (threads != nullptr)
-                threads->push_back(fields.back());
+                threads->push_back(line.substr(last + 1));
         }
         return lines;
     }
@@ -77,6 +65,22 @@ public:
 private:
     std::wstring path;
 };
+
+void SetMarker(RegistryScratch& registry) { registry.SetDword(HKEY_LOCAL_MACHINE, kProductKey, kMarker, 1); }
+bool MarkerThere(const RegistryScratch& registry)
+{
+    return registry.Dword(HKEY_LOCAL_MACHINE, kProductKey, kMarker) != 0xFFFFFFFFu;
+}
+
+// The job loaded wsc.dll, called UnInstall and freed it, all on thread, and
+// removed the marker.
+void ExpectJobDoneOn(const std::string& thread, const WscRecord& wsc, const RegistryScratch& registry)
+{
+    Strings threads;
+    EXPECT_EQ(wsc.Lines(&threads), kJobDone);
+    EXPECT_EQ(threads, Strings(3, thread));
+    EXPECT_FALSE(MarkerThere(registry));
+}
 
 // A folder of its own holding anchor.dll, a module to find wsc.dll beside,
 // and optionally a wsc.dll without UnInstall.
@@ -105,7 +109,6 @@ public:
         RemoveDirectoryW(folder.c_str());
     }
     ScratchFolder(const ScratchFolder&) = delete;
-    ScratchFolder& operator=(const ScratchFolder&) = delete;
 
     HMODULE Anchor() const { return anchor.get(); }
     std::wstring Path(const wchar_t* name) const { return folder + L"\\" + name; }
@@ -125,25 +128,23 @@ protected:
         config.Set(217, L"Desktop", kProductKey);
     }
 
-    void SetMarker() { registry.SetDword(HKEY_LOCAL_MACHINE, kProductKey, kMarker, 1); }
-    bool MarkerThere() const { return registry.Dword(HKEY_LOCAL_MACHINE, kProductKey, kMarker) != 0xFFFFFFFFu; }
-
-    std::unique_ptr<CWscHandler> NewHandler(HMODULE home = logging::OwnModule())
+    // A handler after Init and its first refresh.
+    std::unique_ptr<CWscHandler> Refreshed(HMODULE home = logging::OwnModule())
     {
         auto handler = std::make_unique<CWscHandler>(home);
         EXPECT_EQ(handler->Init(&components), 0u);
+        handler->UnregisterFirewallIfNeeded();
         return handler;
+    }
+    static void StopAndUnInit(CWscHandler& handler)
+    {
+        handler.Stop();
+        handler.UnInit();
     }
     size_t Count(const std::string& prefix) const { return log.Threads(prefix).size(); }
     bool AwaitCount(const std::string& prefix, size_t count) const
     {
         return Eventually([&] { return Count(prefix) >= count; });
-    }
-    // The thread of the n-th job's trace.
-    std::string CheckThread(size_t n = 0) const
-    {
-        const Strings threads = log.Threads(kCheckEntry);
-        return n < threads.size() ? threads[n] : "none";
     }
 
     LogCapture log; // named before the handler loads log.dll
@@ -183,226 +184,152 @@ TEST_F(WscHandlerTest, WithoutMarkerOrProductKeyNoEventNoThreadHoweverManyRefres
             config.Remove(217, L"Desktop");
         RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kProductKey, kMarker);
         if (row.markerType == REG_DWORD)
-            SetMarker();
+            SetMarker(registry);
         else if (row.markerType == REG_SZ)
             RegSetKeyValueW(HKEY_LOCAL_MACHINE, kProductKey, kMarker, REG_SZ, L"1", 4);
 
-        CWscHandler handler;
-        ASSERT_EQ(handler.Init(&components), 0u);
-        handler.UnregisterFirewallIfNeeded(); // the first read opens what the registry keeps open
+        auto handler = Refreshed(); // the first read opens what the registry keeps open
         const size_t handles = OpenHandleCount();
         ASSERT_NE(handles, SIZE_MAX);
         for (int i = 0; i < 20; ++i)
-            handler.UnregisterFirewallIfNeeded();
-        handler.Stop();
+            handler->UnregisterFirewallIfNeeded();
+        handler->Stop();
         // A handle of Wine's own may come and go meanwhile; an event or a
         // thread of the handler would stay.
         EXPECT_TRUE(Eventually([&] { return OpenHandleCount() <= handles; }))
             << OpenHandleCount() << " handles after 20 refreshes and Stop, " << handles << " before";
         EXPECT_EQ(Count(kCheckEntry), 0u);
 
-        // The one attempt of the object is still there: with the setting
-        // and the marker in place the next refresh starts it.
+        // The object's one attempt is left; without "wscsvc" the marker stays.
         config.Set(217, L"Desktop", kProductKey);
-        SetMarker();
-        handler.UnregisterFirewallIfNeeded();
+        SetMarker(registry);
+        handler->UnregisterFirewallIfNeeded();
         EXPECT_TRUE(AwaitCount(kCheckExit, 1));
-        handler.Stop();
-        handler.UnInit();
+        StopAndUnInit(*handler);
+        EXPECT_TRUE(MarkerThere(registry));
         EXPECT_EQ(components.Outstanding(), 0);
     }
     EXPECT_EQ(wsc.Lines(), Strings{});
-}
-
-TEST_F(WscHandlerTest, RunningOrStartingServiceGetsUnInstallAtOnceOnCheckThreadAndOneAttemptOnly)
-{
-    for (const bool pending : {false, true})
-    {
-        SCOPED_TRACE(pending ? "START_PENDING" : "RUNNING");
-        log.Clear();
-        wsc.Clear();
-        standin::Wscsvc service(pending);
-        ASSERT_TRUE(service.Installed()) << service.Problem();
-        ASSERT_TRUE(service.Start());
-        ASSERT_TRUE(service.AwaitState(pending ? SERVICE_START_PENDING : SERVICE_RUNNING));
-        SetMarker();
-
-        auto handler = NewHandler();
-        handler->UnregisterFirewallIfNeeded();
-        ASSERT_TRUE(AwaitCount(kCheckExit, 1));
-        Strings threads;
-        EXPECT_EQ(wsc.Lines(&threads), kJobDone);
-        EXPECT_EQ(threads, Strings(3, CheckThread()));
-        EXPECT_FALSE(MarkerThere());
-        EXPECT_TRUE(log.Contains("INFO", "CWscHandler::_UninstallFw: Module loaded"));
-        // The job did not wait for the start to finish.
-        EXPECT_EQ(service.State(), DWORD(pending ? SERVICE_START_PENDING : SERVICE_RUNNING));
-
-        // The marker again, after the first thread ended: no second attempt.
-        SetMarker();
-        handler->UnregisterFirewallIfNeeded();
-        handler->Stop();
-        handler->UnInit();
-        EXPECT_EQ(Count(kCheckEntry), 1u);
-        EXPECT_TRUE(MarkerThere());
-        EXPECT_EQ(wsc.Lines(), kJobDone);
-    }
 }
 
 TEST_F(WscHandlerTest, StoppedServiceNothingUntilItRunsThenUnInstallThroughTheNotification)
 {
     standin::Wscsvc service(true);
     ASSERT_TRUE(service.Installed()) << service.Problem();
-    SetMarker();
-    auto handler = NewHandler();
-    handler->UnregisterFirewallIfNeeded();
+    SetMarker(registry);
+    auto handler = Refreshed();
     ASSERT_TRUE(AwaitCount(kUpExit, 1)); // found it stopped
 
     ASSERT_TRUE(service.Start());
     ASSERT_TRUE(service.AwaitState(SERVICE_START_PENDING));
     EXPECT_EQ(wsc.Lines(), Strings{});
-    EXPECT_TRUE(MarkerThere());
+    EXPECT_TRUE(MarkerThere(registry));
 
     service.Release();
     ASSERT_TRUE(service.AwaitState(SERVICE_RUNNING));
     ASSERT_TRUE(AwaitCount(kCheckExit, 1));
-    Strings threads;
-    EXPECT_EQ(wsc.Lines(&threads), kJobDone);
-    EXPECT_EQ(threads, Strings(3, CheckThread()));
-    EXPECT_FALSE(MarkerThere());
+    ExpectJobDoneOn(log.Threads(kCheckEntry).at(0), wsc, registry);
     // Asked once: the rest came by the notification, inside the wait.
     EXPECT_EQ(Count(kUpEntry), 1u);
-    EXPECT_EQ(log.Threads("CWscHandler::_UninstallFw: -> "), Strings{CheckThread()});
-    handler->Stop();
-    handler->UnInit();
+    EXPECT_EQ(log.Threads("CWscHandler::_UninstallFw: -> "), Strings{log.Threads(kCheckEntry).at(0)});
+    StopAndUnInit(*handler);
 }
 
-TEST_F(WscHandlerTest, StopDuringTheWaitEndsTheThreadAndTheMarkerWaitsForTheNextObject)
+// A running or starting service: the job runs at once, on the check thread,
+// without waiting for the start to finish, and is the object's only attempt.
+// A missing wsc.dll or UnInstall removes the marker; an unknown folder of the
+// module (a handle that names none) leaves it.
+TEST_F(WscHandlerTest, RunningOrStartingServiceGetsOneAttemptAtOnceOnTheCheckThread)
 {
-    {
-        // No "wscsvc" at all: nothing to wait for, the thread ends by itself.
-        standin::Wscsvc removedAtOnce;
-    }
-    SetMarker();
-    auto absent = NewHandler();
-    absent->UnregisterFirewallIfNeeded();
-    ASSERT_TRUE(AwaitCount(kCheckExit, 1));
-    absent->Stop();
-    EXPECT_TRUE(MarkerThere());
-
-    standin::Wscsvc service;
-    ASSERT_TRUE(service.Installed()) << service.Problem();
-    auto waiting = NewHandler();
-    waiting->UnregisterFirewallIfNeeded();
-    ASSERT_TRUE(AwaitCount(kUpExit, 2));
-    waiting->Stop();
-    // Stop has joined the thread: its exit is logged.
-    EXPECT_EQ(Count(kCheckExit), 2u);
-    EXPECT_EQ(wsc.Lines(), Strings{});
-    EXPECT_TRUE(MarkerThere());
-    waiting->UnInit();
-
-    // The service starting afterwards reaches nobody; the next object does
-    // the job, once.
-    ASSERT_TRUE(service.StartRunning());
-    auto next = NewHandler();
-    next->UnregisterFirewallIfNeeded();
-    ASSERT_TRUE(AwaitCount(kCheckExit, 3));
-    next->Stop();
-    EXPECT_EQ(wsc.Lines(), kJobDone);
-    EXPECT_FALSE(MarkerThere());
-}
-
-TEST_F(WscHandlerTest, MissingLibraryOrExportRemovesTheMarkerAnUnknownFolderLeavesIt)
-{
-    standin::Wscsvc service;
-    ASSERT_TRUE(service.Installed()) << service.Problem();
-    ASSERT_TRUE(service.StartRunning());
-
+    enum class Home { Own, Scratch, ScratchWithLibrary, Unknown };
     struct Row
     {
         const char* what;
-        bool folderKnown;
-        bool withLibrary; // a wsc.dll without UnInstall beside anchor.dll
+        bool pending;
+        Home home;
         Strings recorded;
         Strings errors;
         bool markerStays;
     };
+    const Strings noUnInstall = {"CWscHandler::_UninstallFw: UnInstall not found in wsc.dll, err: 127"};
     const Row rows[] = {
-        {"wsc.dll missing", true, false, {}, {}, false},
-        {"wsc.dll without UnInstall", true, true, {"attach", "detach"},
-         {"CWscHandler::_UninstallFw: UnInstall not found in wsc.dll, err: 127"}, false},
-        {"folder unknown", false, false, {}, {}, true},
+        {"RUNNING", false, Home::Own, kJobDone, {}, false},
+        {"START_PENDING", true, Home::Own, kJobDone, {}, false},
+        {"wsc.dll missing", false, Home::Scratch, {}, {}, false},
+        {"wsc.dll without UnInstall", false, Home::ScratchWithLibrary, {"attach", "detach"}, noUnInstall, false},
+        {"folder unknown", false, Home::Unknown, {}, {}, true},
     };
     for (const Row& row : rows)
     {
         SCOPED_TRACE(row.what);
         log.Clear();
         wsc.Clear();
-        SetMarker();
-        ScratchFolder folder(row.withLibrary);
+        standin::Wscsvc service(row.pending);
+        ASSERT_TRUE(service.Installed()) << service.Problem();
+        const DWORD state = row.pending ? SERVICE_START_PENDING : SERVICE_RUNNING;
+        ASSERT_TRUE(service.Start());
+        ASSERT_TRUE(service.AwaitState(state));
+        SetMarker(registry);
+        ScratchFolder folder(row.home == Home::ScratchWithLibrary);
         ASSERT_NE(folder.Anchor(), nullptr);
-        // A handle that names no module: GetModuleFileNameW fails for it.
-        const HMODULE home = row.folderKnown ? folder.Anchor() : reinterpret_cast<HMODULE>(uintptr_t{0x10});
+        const HMODULE home = row.home == Home::Own       ? logging::OwnModule()
+                             : row.home == Home::Unknown ? reinterpret_cast<HMODULE>(uintptr_t{0x10})
+                                                         : folder.Anchor();
 
-        auto handler = NewHandler(home);
-        handler->UnregisterFirewallIfNeeded();
+        auto handler = Refreshed(home);
         ASSERT_TRUE(AwaitCount(kCheckExit, 1));
-        handler->Stop();
-        handler->UnInit();
-        EXPECT_EQ(wsc.Lines(), row.recorded);
+        Strings threads;
+        EXPECT_EQ(wsc.Lines(&threads), row.recorded);
+        EXPECT_EQ(threads, Strings(row.recorded.size(), log.Threads(kCheckEntry).at(0)));
         EXPECT_EQ(log.Messages("ERROR"), row.errors);
-        EXPECT_EQ(log.Contains("INFO", "CWscHandler::_UninstallFw: Module loaded"), row.withLibrary);
+        EXPECT_EQ(log.Contains("INFO", "CWscHandler::_UninstallFw: Module loaded"), !row.recorded.empty());
+        EXPECT_EQ(MarkerThere(registry), row.markerStays);
+        EXPECT_EQ(service.State(), state);
+
+        // The marker again, after the first thread ended: no second attempt.
+        SetMarker(registry);
+        handler->UnregisterFirewallIfNeeded();
+        StopAndUnInit(*handler);
+        EXPECT_EQ(Count(kCheckEntry), 1u);
+        EXPECT_TRUE(MarkerThere(registry));
+        EXPECT_EQ(wsc.Lines(), row.recorded);
         EXPECT_EQ(GetModuleHandleW(folder.Path(L"wsc.dll").c_str()), nullptr) << "wsc.dll not freed";
-        EXPECT_EQ(MarkerThere(), row.markerStays);
     }
 }
 
-TEST_F(WscHandlerTest, NoHandleLeftOverRepeatedJobsAndStops)
+// Objects stopped while waiting for a stopped service leave the marker; once
+// it runs, their notifications reach nobody and each new object does the job
+// once. Wine's own notification workers (a few handles each, coming and
+// going) get a slack far below the 25 that a handle left per round adds.
+TEST_F(WscHandlerTest, StopDuringTheWaitLeavesTheMarkerAndNoRoundLeavesAHandle)
 {
-    auto service = std::make_unique<standin::Wscsvc>();
-    ASSERT_TRUE(service->Installed()) << service->Problem();
-    ASSERT_TRUE(service->StartRunning());
+    standin::Wscsvc service;
+    ASSERT_TRUE(service.Installed()) << service.Problem();
     size_t jobs = 0;
-    auto job = [&] {
-        SetMarker();
-        auto handler = NewHandler();
-        handler->UnregisterFirewallIfNeeded();
-        ASSERT_TRUE(AwaitCount(kCheckExit, ++jobs));
-        handler->Stop();
-        handler->UnInit();
-        EXPECT_FALSE(MarkerThere());
-    };
-    job(); // the first round loads what stays loaded
-    size_t handles = OpenHandleCount();
-    ASSERT_NE(handles, SIZE_MAX);
-    for (int i = 0; i < 25 && !HasFailure(); ++i)
-        job();
-    EXPECT_EQ(OpenHandleCount(), handles) << "after 25 jobs";
-
-    service.reset(); // before the next is made: a service goes with its last handle
-    service = std::make_unique<standin::Wscsvc>(); // stopped
-    ASSERT_TRUE(service->Installed()) << service->Problem();
-    auto stopped = [&] {
-        SetMarker();
-        auto handler = NewHandler();
-        handler->UnregisterFirewallIfNeeded();
-        ASSERT_TRUE(AwaitCount(kUpExit, ++jobs));
-        handler->Stop();
-        handler->UnInit();
-        EXPECT_TRUE(MarkerThere());
-    };
-    stopped();
-    handles = OpenHandleCount();
-    for (int i = 0; i < 25 && !HasFailure(); ++i)
-        stopped();
-    // Wine carries the notifications on worker threads of its own that come
-    // and go by themselves, a few handles each: the count is allowed their
-    // slack, far below the 25 that one handle left per round would add.
-    constexpr size_t kWorkerSlack = 4;
-    EXPECT_TRUE(Eventually([&] { return OpenHandleCount() <= handles + kWorkerSlack; }))
-        << OpenHandleCount() << " handles after 25 stops during the wait, " << handles << " before";
-    EXPECT_EQ(Count(kCheckExit), jobs);
+    for (const bool running : {false, true})
+    {
+        SCOPED_TRACE(running ? "running" : "stopped");
+        ASSERT_TRUE(!running || service.StartRunning());
+        auto round = [&] {
+            SetMarker(registry);
+            auto handler = Refreshed();
+            ASSERT_TRUE(AwaitCount(running ? kCheckExit : kUpExit, ++jobs));
+            handler->Stop();
+            EXPECT_EQ(Count(kCheckExit), jobs); // Stop has joined the thread
+            handler->UnInit();
+            EXPECT_EQ(MarkerThere(registry), !running);
+            EXPECT_EQ(wsc.Lines(), running ? kJobDone : Strings{});
+            wsc.Clear();
+        };
+        round(); // the first round loads what stays loaded
+        const size_t handles = OpenHandleCount();
+        ASSERT_NE(handles, SIZE_MAX);
+        for (int i = 0; i < 25 && !HasFailure(); ++i)
+            round();
+        const size_t slack = running ? 0 : 4;
+        EXPECT_TRUE(Eventually([&] { return OpenHandleCount() <= handles + slack; }))
+            << OpenHandleCount() << " handles after 25 rounds, " << handles << " before";
+    }
 }
 
 // Through the plugin: the first record of _DelayedLoad finds the marker.
@@ -413,10 +340,9 @@ protected:
     {
         registry.Forget(HKEY_LOCAL_MACHINE, kTestKey);
         ConfigureProduct(*host, L"PCPWSC", L"PcpWsc", kProductKey);
-        registry.SetDword(HKEY_LOCAL_MACHINE, kProductKey, kMarker, 1);
+        SetMarker(registry);
         PluginTest::SetUp();
     }
-    bool MarkerThere() const { return registry.Dword(HKEY_LOCAL_MACHINE, kProductKey, kMarker) != 0xFFFFFFFFu; }
 
     RegistryScratch registry;
     WscRecord wsc;
@@ -429,35 +355,30 @@ TEST_F(WscPluginTest, TheFirstRecordStartsTheJobOnItsOwnThreadAndLaterRecordsNon
     ASSERT_TRUE(service.StartRunning());
     StartLoaded();
     ASSERT_TRUE(Eventually([&] { return !log.Threads(kCheckExit).empty(); }));
-    Strings threads;
-    EXPECT_EQ(wsc.Lines(&threads), kJobDone);
-    EXPECT_EQ(threads, Strings(3, log.Threads(kCheckEntry).at(0)));
-    EXPECT_NE(threads[0], log.Threads("CWscHandler::UnregisterFirewallIfNeeded: -> ").at(0));
-    EXPECT_FALSE(MarkerThere());
+    const std::string checkThread = log.Threads(kCheckEntry).at(0);
+    ExpectJobDoneOn(checkThread, wsc, registry);
+    EXPECT_NE(checkThread, log.Threads(kRefreshEntry).at(0));
 
-    registry.SetDword(HKEY_LOCAL_MACHINE, kProductKey, kMarker, 1);
+    SetMarker(registry);
     log.Clear();
     host->subscription.Deliver(MakeRecord(3, 3));
     ASSERT_TRUE(host->WaitIdle());
-    EXPECT_EQ(log.Threads("CWscHandler::UnregisterFirewallIfNeeded: -> ").size(), 1u);
+    EXPECT_EQ(log.Threads(kRefreshEntry).size(), 1u);
     // Within the refresh: after the record is logged and stored, before the
     // server's product type goes to the registry.
     const Strings lines = log.Messages("");
     auto at = [&](const std::string& prefix) {
-        const auto found = std::find_if(lines.begin(), lines.end(),
-                                        [&](const std::string& line) { return line.rfind(prefix, 0) == 0; });
-        return found - lines.begin();
+        return std::find_if(lines.begin(), lines.end(), [&](const std::string& l) { return l.rfind(prefix, 0) == 0; }) -
+               lines.begin();
     };
-    const auto stored = at("CProductConfigurationPlg::_RefreshSubscription: ServerProductType = 3, ProductType = 3");
-    const auto entered = at("CWscHandler::UnregisterFirewallIfNeeded: -> ");
-    const auto left = at("CWscHandler::UnregisterFirewallIfNeeded: <- ");
     const auto written = at("CProductConfigurationPlg::_WriteServerProductType: -> ");
     ASSERT_LT(written, static_cast<std::ptrdiff_t>(lines.size()));
-    EXPECT_LT(stored, entered);
-    EXPECT_LT(left, written);
+    EXPECT_LT(at("CProductConfigurationPlg::_RefreshSubscription: ServerProductType = 3, ProductType = 3"),
+              at(kRefreshEntry));
+    EXPECT_LT(at("CWscHandler::UnregisterFirewallIfNeeded: <- "), written);
     StopAndUnInit();
     EXPECT_EQ(log.Threads(kCheckEntry), Strings{}); // no second job
-    EXPECT_TRUE(MarkerThere());
+    EXPECT_TRUE(MarkerThere(registry));
 }
 
 TEST_F(WscPluginTest, StopDuringTheWaitEndsTheThreadAndLeavesTheMarker)
@@ -468,7 +389,7 @@ TEST_F(WscPluginTest, StopDuringTheWaitEndsTheThreadAndLeavesTheMarker)
     ASSERT_TRUE(Eventually([&] { return !log.Threads(kUpExit).empty(); }));
     plugin->Stop();
     EXPECT_EQ(log.Threads(kCheckExit).size(), 1u);
-    EXPECT_TRUE(MarkerThere());
+    EXPECT_TRUE(MarkerThere(registry));
     EXPECT_EQ(wsc.Lines(), Strings{});
     plugin->UnInit();
     DestroyPlugin();
