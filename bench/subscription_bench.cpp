@@ -307,7 +307,7 @@ bool Report(const char* setup, const std::wstring& pluginPath, bool withLog, lon
         DWORD gsShowed = 0;
         DWORD size = sizeof(gsShowed);
         RegGetValueW(HKEY_USERS, path.c_str(), L"GsShowed", RRF_RT_REG_DWORD, nullptr, &gsShowed, &size);
-        auto item = MakeWorkItem<FloorTask>(&FloorTarget::OnRecord, &target, record, false);
+        auto item = MakeWorkItem<FloorTask>(L"FloorTarget::OnRecord", &FloorTarget::OnRecord, &target, record, false);
         floorSerial.get()->Post(L"_OnSubscriptionChanged", nullptr, item.release(), 0, 0, 0);
     };
     // Called directly on this thread, as the host's client thread would call

@@ -94,7 +94,7 @@ TEST(SerialExecutionHolder, ReleasesTheObjectOnce)
 TEST(WorkItems, RunTheirCallAndFreeWhatTheyOwn)
 {
     Target target;
-    auto member = MakeWorkItem<EqWorkItemMember0<int, Target>>(&target, &Target::WithResult);
+    auto member = MakeWorkItem<EqWorkItemMember0<int, Target>>(L"test", &target, &Target::WithResult);
     member->Run();
     member->Run();
     EqWorkItem* handedOver = member.release();
@@ -102,7 +102,7 @@ TEST(WorkItems, RunTheirCallAndFreeWhatTheyOwn)
     EXPECT_EQ(target.calls, 2); // the object outlives its item
 
     using Plain = qm::framework::task<void (Target::*)(), Target*>;
-    auto plain = MakeWorkItem<Plain>(&Target::Plain, &target);
+    auto plain = MakeWorkItem<Plain>(L"test", &Target::Plain, &target);
     plain->Run();
     EXPECT_EQ(target.calls, 3);
     plain.release()->Release();
@@ -110,7 +110,7 @@ TEST(WorkItems, RunTheirCallAndFreeWhatTheyOwn)
     using WithRecord = qm::framework::task<void (Target::*)(Counted, bool), Target*, const Counted&, bool>;
     {
         Counted original(42);
-        auto item = MakeWorkItem<WithRecord>(&Target::WithRecord, &target, original, true);
+        auto item = MakeWorkItem<WithRecord>(L"test", &Target::WithRecord, &target, original, true);
         original.value = 7; // the item holds its own copy
         EXPECT_EQ(Counted::live, 2);
         item->Run();

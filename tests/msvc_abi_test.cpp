@@ -141,14 +141,14 @@ protected:
 TEST_F(MsvcAbiTest, WorkItemsRunAndReleaseThroughTheHostsSlots)
 {
     Counted counted;
-    auto member = MakeWorkItem<EqWorkItemMember0<void, Counted>>(&counted, &Counted::Hit);
+    auto member = MakeWorkItem<EqWorkItemMember0<void, Counted>>(L"test", &counted, &Counted::Hit);
     host.MsvcHost_RunAndRelease(static_cast<EqWorkItem*>(member.release()));
     EXPECT_EQ(counted.hits, 1);
 
     Witness witness;
     Receiver receiver;
     using Task = qm::framework::task<void (Receiver::*)(WitnessedRecord, int), Receiver*, const WitnessedRecord&, int>;
-    auto task = MakeWorkItem<Task>(&Receiver::Take, &receiver, WitnessedRecord(&witness), 7);
+    auto task = MakeWorkItem<Task>(L"test", &Receiver::Take, &receiver, WitnessedRecord(&witness), 7);
     const int before = witness.destroyed;
     host.MsvcHost_RunAndRelease(static_cast<EqWorkItem*>(task.release()));
     EXPECT_EQ(receiver.received, 7);
@@ -156,7 +156,7 @@ TEST_F(MsvcAbiTest, WorkItemsRunAndReleaseThroughTheHostsSlots)
     EXPECT_EQ(witness.destroyed - before, 2);
 
     // delete through the table's destructor slot frees the item like Release.
-    auto deleted = MakeWorkItem<Task>(&Receiver::Take, &receiver, WitnessedRecord(&witness), 8);
+    auto deleted = MakeWorkItem<Task>(L"test", &Receiver::Take, &receiver, WitnessedRecord(&witness), 8);
     const int beforeDelete = witness.destroyed;
     host.MsvcHost_DeleteItem(static_cast<EqWorkItem*>(deleted.release()));
     EXPECT_EQ(witness.destroyed - beforeDelete, 1);

@@ -58,7 +58,7 @@ TEST(SubscriptionRecord, FeaturesSurviveTheHandOverAndTheStoreInOrder)
             expected.push_back(7 + i);
 
         auto hostRecord = std::make_unique<SubscriptionData>(WithFeatures(count, 7));
-        auto item = MakeWorkItem<RecordTask>(&Receiver::OnRecord, &receiver, *hostRecord, firstLoad);
+        auto item = MakeWorkItem<RecordTask>(L"test", &Receiver::OnRecord, &receiver, *hostRecord, firstLoad);
         hostRecord.reset(); // the host's record goes away after the call
 
         item->Run();

@@ -1,7 +1,9 @@
 // Work items: small heap objects handed to ISerialExecution::Post and
 // IEventQueue::SetTimer. The poster builds an item in a local owning pointer
 // and gives up ownership at the call; from then on the host runs it and
-// releases it once.
+// releases it once. Each item carries the full name of the function it runs:
+// Run is an entry of the host's, and an exception out of that function ends
+// there under that name (support/boundary.h).
 #pragma once
 
 #include <memory>
@@ -10,6 +12,7 @@
 #include <utility>
 
 #include "host/eq_work_item.h"
+#include "support/boundary.h"
 
 // The one definition of Release shared by every concrete item: deletes the
 // item through its virtual destructor; null does nothing.
@@ -32,7 +35,8 @@ class EqWorkItemMember : public EqWorkItem
 {
 public:
     explicit EqWorkItemMember(T* object) : object(object) {}
-    void Release() override { ReleaseWorkItem(this); }
+    // Destroys the item; nothing in it throws.
+    void Release() noexcept override { ReleaseWorkItem(this); }
 
 protected:
     T* object;
@@ -45,12 +49,19 @@ class EqWorkItemMember0 final : public EqWorkItemMember<T>
 public:
     using Method = R (T::*)();
 
-    EqWorkItemMember0(T* object, Method method) : EqWorkItemMember<T>(object), method(method) {}
-    void Run() override { (void)(this->object->*method)(); }
+    EqWorkItemMember0(const wchar_t* entry, T* object, Method method)
+        : EqWorkItemMember<T>(object), entry(entry), method(method)
+    {
+    }
+    void Run() override
+    {
+        CallAtBoundary(entry, [this] { (void)(this->object->*method)(); });
+    }
 
     QM_IMPLEMENTS_DESTRUCTOR_SLOT(EqWorkItemMember0)
 
 private:
+    const wchar_t* entry; // a literal
     Method method;
 };
 
@@ -66,9 +77,10 @@ template <class F, class... Args>
 class task final : public EqWorkItem
 {
 public:
+    // entry: the full name of the function, a literal.
     template <class... A>
-    explicit task(F function, A&&... args)
-        : call(new Record{std::tuple<std::decay_t<Args>...>(std::forward<A>(args)...), function})
+    explicit task(const wchar_t* entry, F function, A&&... args)
+        : entry(entry), call(new Record{std::tuple<std::decay_t<Args>...>(std::forward<A>(args)...), function})
     {
     }
     ~task() { delete call; }
@@ -76,10 +88,13 @@ public:
     task(const task&) = delete;
     task& operator=(const task&) = delete;
 
-    void Release() override { ReleaseWorkItem(this); }
+    // Destroys the item and its record; nothing in them throws.
+    void Release() noexcept override { ReleaseWorkItem(this); }
     void Run() override
     {
-        std::apply([this](auto& object, auto&... rest) { (object->*call->function)(rest...); }, call->arguments);
+        CallAtBoundary(entry, [this] {
+            std::apply([this](auto& object, auto&... rest) { (object->*call->function)(rest...); }, call->arguments);
+        });
     }
 
     QM_IMPLEMENTS_DESTRUCTOR_SLOT(task)
@@ -90,6 +105,7 @@ private:
         std::tuple<std::decay_t<Args>...> arguments;
         F function;
     };
+    const wchar_t* entry;
     Record* call;
 };
 } // namespace framework

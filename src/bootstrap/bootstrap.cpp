@@ -2,6 +2,7 @@
 // stored data belong to, whether a new one differs, and the update that
 // fetches the new data and rewrites the file.
 #include "bootstrap/bootstrap.h"
+#include "bootstrap/json_parse.h"
 
 #include <windows.h>
 
@@ -139,9 +140,7 @@ bool CBootstrap::UpdateBootstrapData(const std::string& commid)
 
     // Validated before anything is written; an empty reply is a syntax error.
     picojson::value commercialData;
-    std::string error;
-    picojson::parse(commercialData, reply->data(), reply->data() + reply->size(), &error);
-    if (!error.empty() || !commercialData.is<picojson::object>())
+    if (!ParseJson(*reply, commercialData).empty() || !commercialData.is<picojson::object>())
         return false;
     top["commercial_data"] = std::move(commercialData);
 

@@ -4,9 +4,11 @@
 #include <windows.h>
 
 #include <fstream>
+#include <ios>
 #include <iterator>
 
 #include "bootstrap/bootstrap.h"
+#include "bootstrap/json_parse.h"
 #include "support/logger_stream.h"
 #include "support/product_paths.h"
 #include "support/trace_scope.h"
@@ -25,6 +27,25 @@ std::optional<std::wstring> BootstrapDataPath(IServConfig* config)
         return std::nullopt;
     return std::wstring(folder) + kFileName;
 }
+
+// The file's bytes through a narrow stream in text mode, default sharing.
+// False when it does not open, or when a read fails (libstdc++ throws from
+// inside the stream then; a failing disk is no exception to this plugin).
+bool ReadWholeFile(const std::wstring& path, std::string& text)
+{
+    std::ifstream file(path.c_str(), std::ios::in);
+    if (!file.is_open())
+        return false;
+    try
+    {
+        text.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+    }
+    catch (const std::ios_base::failure&)
+    {
+        return false;
+    }
+    return true;
+}
 } // namespace
 
 std::optional<picojson::value> CBootstrap::_GetBootstrapData()
@@ -35,20 +56,17 @@ std::optional<picojson::value> CBootstrap::_GetBootstrapData()
     if (!path)
         return std::nullopt;
 
+    // A file that opens but cannot be read to its end (a failing disk) is
+    // no better than one that does not open.
     std::string text;
+    if (!ReadWholeFile(*path, text))
     {
-        std::ifstream file(path->c_str(), std::ios::in);
-        if (!file.is_open())
-        {
-            logger_stream(logging::LevelError, kName) << "Failed to open";
-            return std::nullopt;
-        }
-        text.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+        logger_stream(logging::LevelError, kName) << "Failed to open";
+        return std::nullopt;
     }
 
     picojson::value value;
-    std::string error;
-    picojson::parse(value, text.data(), text.data() + text.size(), &error);
+    const std::string error = ParseJson(text, value);
     if (!error.empty())
     {
         logger_stream(logging::LevelError, kName) << "Not json, " << error;

@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include "plugin/product_cfg_plugin.h"
+#include "support/boundary.h"
 #include "support/logger_stream.h"
 #include "support/product_paths.h"
 #include "support/registry_values.h"
@@ -26,7 +27,25 @@ void CProductConfigurationPlg::_TryDoConfig(bool firstLoad)
         return;
     }
     installerPending = true;
-    waitThread = std::thread(&CProductConfigurationPlg::_WaitForEventsAndConfig, this);
+    try
+    {
+        waitThread = std::thread(&CProductConfigurationPlg::_WaitThreadEntry, this);
+    }
+    catch (const std::exception& error)
+    {
+        // No thread (std::system_error) or no memory for one: as if the wait
+        // had failed, the decision is made now.
+        logger_stream(logging::LevelError, L"CProductConfigurationPlg::_TryDoConfig")
+            << "Cannot start the wait thread: " << error.what();
+        _DoConfig();
+        installDoneEvent.reset();
+        installerPending = false;
+    }
+}
+
+void CProductConfigurationPlg::_WaitThreadEntry()
+{
+    CallAtBoundary(L"CProductConfigurationPlg::_WaitForEventsAndConfig", [this] { _WaitForEventsAndConfig(); });
 }
 
 void CProductConfigurationPlg::_WaitForEventsAndConfig()

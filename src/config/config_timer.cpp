@@ -46,7 +46,8 @@ void CProductConfigurationPlg::_StartProductCfgTimer()
     TraceScope trace(L"CProductConfigurationPlg::_StartProductCfgTimer");
     std::lock_guard<std::mutex> lock(timerMutex);
     CancelAndDeleteTimer(productCfgTimer);
-    auto item = MakeWorkItem<ProductCfgTimerItem>(this, &CProductConfigurationPlg::_ProductCfgTimer);
+    auto item = MakeWorkItem<ProductCfgTimerItem>(L"CProductConfigurationPlg::_ProductCfgTimer", this,
+                                                  &CProductConfigurationPlg::_ProductCfgTimer);
     eventQueue->SetTimer(L"_ProductCfgTimer", &productCfgTimer, productCfgDelayMs, kProductCfgPeriodMs, item.release(),
                          0, 0, 0);
 }

@@ -5,6 +5,7 @@
 #include <windows.h>
 
 #include "plugin/product_cfg_plugin.h"
+#include "support/boundary.h"
 #include "support/logger_stream.h"
 #include "support/product_paths.h"
 #include "support/registry_values.h"
@@ -30,56 +31,61 @@ bool IsMspReply(IUserInfo& info, const std::wstring& level)
 void CProductConfigurationPlg::OnUserInfoChanged()
 {
     constexpr wchar_t kName[] = L"CProductConfigurationPlg::OnUserInfoChanged";
-    TraceScope trace(kName);
-    IProductAgentCommClientAsync* async = _AsyncAgent();
-    if (async == nullptr)
-    {
-        logger_stream(logging::LevelError, kName) << "Failed to get IProductAgentCommClientAsync";
-        return;
-    }
-    async->GetUserInfoExAsync();
+    CallAtBoundary(kName, [&] {
+        TraceScope trace(kName);
+        IProductAgentCommClientAsync* async = _AsyncAgent();
+        if (async == nullptr)
+        {
+            logger_stream(logging::LevelError, kName) << "Failed to get IProductAgentCommClientAsync";
+            return;
+        }
+        async->GetUserInfoExAsync();
+    });
 }
 
 void CProductConfigurationPlg::OnGetUserInfoExAsync(IUserInfo* info)
 {
     constexpr wchar_t kName[] = L"CProductConfigurationPlg::OnGetUserInfoExAsync";
-    TraceScope trace(kName);
-    if (info == nullptr)
-    {
-        logger_stream(logging::LevelError, kName) << "No user information";
-        return;
-    }
-    const wchar_t* levelText = info->GetOrganizationLevel();
-    // A null level is taken as the empty text: no managed organisation.
-    const std::wstring level = levelText != nullptr ? levelText : L"";
-    logger_stream(logging::LevelInfo, kName) << "Organization level is " << level;
+    CallAtBoundary(kName, [&] {
+        TraceScope trace(kName);
+        if (info == nullptr)
+        {
+            logger_stream(logging::LevelError, kName) << "No user information";
+            return;
+        }
+        const wchar_t* levelText = info->GetOrganizationLevel();
+        // A null level is taken as the empty text: no managed organisation.
+        const std::wstring level = levelText != nullptr ? levelText : L"";
+        logger_stream(logging::LevelInfo, kName) << "Organization level is " << level;
 
-    const bool msp = IsMspReply(*info, level);
-    isMsp.exchange(msp);
-    const bool configured = _IsProductConfiguredForMsp();
-    logger_stream(logging::LevelInfo, kName)
-        << "isMsp: " << static_cast<int>(msp) << " _IsProductConfiguredForMsp: " << static_cast<int>(configured);
-    if (msp == configured)
-        return;
+        const bool msp = IsMspReply(*info, level);
+        isMsp.exchange(msp);
+        const bool configured = _IsProductConfiguredForMsp();
+        logger_stream(logging::LevelInfo, kName)
+            << "isMsp: " << static_cast<int>(msp) << " _IsProductConfiguredForMsp: " << static_cast<int>(configured);
+        if (msp == configured)
+            return;
 
-    _ChangeMspFlagInRegistry(msp);
-    {
-        std::lock_guard<std::mutex> lock(statusMutex);
-        productCfgStatus.mspStatus = 1;
-    }
-    if (msp)
-    {
-        logger_stream(logging::LevelInfo, kName) << "Not necessary to enable VPN.";
-    }
-    else
-    {
-        auto item = MakeWorkItem<EnableVpnItem>(this, &CProductConfigurationPlg::_EnableVpn);
-        // ClearResponseSink in Stop waits for this call before the serial
-        // execution goes.
-        if (ISerialExecution* serial = serialExecution.get())
-            serial->Post(L"EnableVpn", nullptr, item.release(), 0, 0, 0);
-    }
-    _TryDoConfig(false);
+        _ChangeMspFlagInRegistry(msp);
+        {
+            std::lock_guard<std::mutex> lock(statusMutex);
+            productCfgStatus.mspStatus = 1;
+        }
+        if (msp)
+        {
+            logger_stream(logging::LevelInfo, kName) << "Not necessary to enable VPN.";
+        }
+        else
+        {
+            auto item = MakeWorkItem<EnableVpnItem>(L"CProductConfigurationPlg::_EnableVpn", this,
+                                                    &CProductConfigurationPlg::_EnableVpn);
+            // ClearResponseSink in Stop waits for this call before the serial
+            // execution goes.
+            if (ISerialExecution* serial = serialExecution.get())
+                serial->Post(L"EnableVpn", nullptr, item.release(), 0, 0, 0);
+        }
+        _TryDoConfig(false);
+    });
 }
 
 bool CProductConfigurationPlg::_IsProductConfiguredForMsp()

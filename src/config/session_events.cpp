@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include "plugin/product_cfg_plugin.h"
+#include "support/boundary.h"
 #include "support/logger_stream.h"
 #include "support/trace_scope.h"
 
@@ -14,17 +15,20 @@ constexpr uint32_t kSessionLogon = 5; // WTS_SESSION_LOGON
 void CProductConfigurationPlg::OnSessionChange(uint32_t time, uint32_t event, void* info)
 {
     constexpr wchar_t kName[] = L"CProductConfigurationPlg::OnSessionChange";
-    TraceScope trace(kName);
-    logger_stream(logging::LevelInfo, kName) << "time=" << time << " event=" << event;
-    if (event != kSessionLogon || info == nullptr)
-        return;
-    // The timer is armed whatever the status block says; the serial
-    // execution puts the arming in order with the subscription's items.
-    auto item = MakeWorkItem<PlainTask>(&CProductConfigurationPlg::_StartProductCfgTimer, this);
-    ISerialExecution* serial = serialExecution.get();
-    if (serial == nullptr)
-        return; // stopped: the item is freed here
-    serial->Post(L"Async_StartProductCfgTimer", nullptr, item.release(), 0, 0, 0);
+    CallAtBoundary(kName, [&] {
+        TraceScope trace(kName);
+        logger_stream(logging::LevelInfo, kName) << "time=" << time << " event=" << event;
+        if (event != kSessionLogon || info == nullptr)
+            return;
+        // The timer is armed whatever the status block says; the serial
+        // execution puts the arming in order with the subscription's items.
+        auto item = MakeWorkItem<PlainTask>(L"CProductConfigurationPlg::_StartProductCfgTimer",
+                                            &CProductConfigurationPlg::_StartProductCfgTimer, this);
+        ISerialExecution* serial = serialExecution.get();
+        if (serial == nullptr)
+            return; // stopped: the item is freed here
+        serial->Post(L"Async_StartProductCfgTimer", nullptr, item.release(), 0, 0, 0);
+    });
 }
 
 std::string CProductConfigurationPlg::GetBundleId()

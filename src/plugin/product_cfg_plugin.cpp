@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "plugin/factory.h"
+#include "support/boundary.h"
 #include "support/logger_stream.h"
 #include "support/trace_scope.h"
 
@@ -22,6 +23,16 @@ void* CProductConfigurationPlg::QueryInterface(const InterfaceId& id)
 }
 
 Status CProductConfigurationPlg::Init(IServMain* servMain)
+{
+    // Whatever failed, UnInit has run when Init returns a failure.
+    return CallAtBoundary(kInit, [&] { return _Init(servMain); },
+                          [this](Status status) {
+                              static_cast<IServPlugin*>(this)->UnInit();
+                              return status;
+                          });
+}
+
+Status CProductConfigurationPlg::_Init(IServMain* servMain)
 {
     TraceScope trace(kInit);
     Status result = ERROR_GEN_FAILURE;
@@ -119,18 +130,31 @@ Status CProductConfigurationPlg::Init(IServMain* servMain)
 
 void CProductConfigurationPlg::UnInit()
 {
-    TraceScope trace(L"CProductConfigurationPlg::UnInit");
-    appsManager.UnInit();
-    bootstrap.UnInit();
-    wscHandler.UnInit();
-    serviceStatusClient.Reset();
-    subscriptionClient.Reset();
-    sessionClient.Reset();
-    productInfo.Reset();
-    productAgentClient.Reset();
+    constexpr wchar_t kName[] = L"CProductConfigurationPlg::UnInit";
+    CallAtBoundary(kName, [&] {
+        TraceScope trace(kName);
+        appsManager.UnInit();
+        bootstrap.UnInit();
+        wscHandler.UnInit();
+        serviceStatusClient.Reset();
+        subscriptionClient.Reset();
+        sessionClient.Reset();
+        productInfo.Reset();
+        productAgentClient.Reset();
+    });
 }
 
 Status CProductConfigurationPlg::Start()
+{
+    // Whatever failed, Stop has run when Start returns a failure.
+    return CallAtBoundary(L"CProductConfigurationPlg::Start", [this] { return _Start(); },
+                          [this](Status status) {
+                              static_cast<IServPlugin*>(this)->Stop();
+                              return status;
+                          });
+}
+
+Status CProductConfigurationPlg::_Start()
 {
     TraceScope trace(L"CProductConfigurationPlg::Start");
     SetLastError(0);
@@ -157,6 +181,11 @@ Status CProductConfigurationPlg::Start()
 }
 
 void CProductConfigurationPlg::Stop()
+{
+    CallAtBoundary(L"CProductConfigurationPlg::Stop", [this] { _Stop(); });
+}
+
+void CProductConfigurationPlg::_Stop()
 {
     TraceScope trace(L"CProductConfigurationPlg::Stop");
     // Before anything below waits: a timer item waiting for an earlier
@@ -197,9 +226,12 @@ void CProductConfigurationPlg::Stop()
 
 void CProductConfigurationPlg::OnServiceStatusChanged(uint32_t service, uint32_t status)
 {
-    TraceScope trace(L"CProductConfigurationPlg::OnServiceStatusChanged");
-    if (service == 0 && status == 1)
-        _PostDelayedLoad();
+    constexpr wchar_t kName[] = L"CProductConfigurationPlg::OnServiceStatusChanged";
+    CallAtBoundary(kName, [&] {
+        TraceScope trace(kName);
+        if (service == 0 && status == 1)
+            _PostDelayedLoad();
+    });
 }
 
 void CProductConfigurationPlg::_DelayedLoad()
@@ -242,7 +274,7 @@ void CProductConfigurationPlg::_DelayedLoad()
 
 void CProductConfigurationPlg::_PostDelayedLoad()
 {
-    auto item = MakeWorkItem<PlainTask>(&CProductConfigurationPlg::_DelayedLoad, this);
+    auto item = MakeWorkItem<PlainTask>(L"CProductConfigurationPlg::_DelayedLoad", &CProductConfigurationPlg::_DelayedLoad, this);
     ISerialExecution* serial = serialExecution.get();
     if (serial == nullptr)
         return; // stopped: nothing carries work any more; the item is freed here

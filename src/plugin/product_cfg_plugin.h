@@ -46,7 +46,9 @@ public:
     CProductConfigurationPlg(const CProductConfigurationPlg&) = delete;
     CProductConfigurationPlg& operator=(const CProductConfigurationPlg&) = delete;
 
-    // IServPlugin
+    // IServPlugin. Every entry of the host's, here and below, ends an
+    // exception in its guard (support/boundary.h): Init and Start give its
+    // status after their own UnInit or Stop, the others return.
     void* QueryInterface(const InterfaceId& id) override;
     // 0, or the status of the first failing step; on failure UnInit has run.
     Status Init(IServMain* servMain) override;
@@ -82,6 +84,11 @@ public:
     void Unused4() override {}
 
 private:
+    // The bodies of Init, Start and Stop, inside their guards.
+    Status _Init(IServMain* servMain);
+    Status _Start();
+    void _Stop();
+
     using PlainTask = qm::framework::task<void (CProductConfigurationPlg::*)(), CProductConfigurationPlg*>;
     using SubscriptionTask =
         qm::framework::task<void (CProductConfigurationPlg::*)(SubscriptionData, bool), CProductConfigurationPlg*,
@@ -109,6 +116,8 @@ private:
     void _TryDoConfig(bool firstLoad);
     // Body of waitThread: the installer's end or the stop event.
     void _WaitForEventsAndConfig();
+    // The thread's entry: _WaitForEventsAndConfig inside its guard.
+    void _WaitThreadEntry();
     // Works out seccenterAllowed and arms the configuration timer when the
     // status block asks for a run.
     void _DoConfig();

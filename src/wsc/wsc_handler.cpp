@@ -6,6 +6,7 @@
 #include <string>
 #include <system_error>
 
+#include "support/boundary.h"
 #include "support/logger_stream.h"
 #include "support/product_paths.h"
 #include "support/trace_scope.h"
@@ -76,7 +77,7 @@ void CWscHandler::UnregisterFirewallIfNeeded()
         return;
     try
     {
-        checkThread = std::thread(&CWscHandler::_CheckWscsvcAndUninstallFw, this);
+        checkThread = std::thread(&CWscHandler::_CheckThreadEntry, this);
     }
     catch (const std::system_error& error)
     {
@@ -91,6 +92,11 @@ void CWscHandler::UnregisterFirewallIfNeeded()
         logger_stream(logging::LevelError, L"CWscHandler::UnregisterFirewallIfNeeded")
             << "Cannot start the check thread, err: " << ERROR_NOT_ENOUGH_MEMORY;
     }
+}
+
+void CWscHandler::_CheckThreadEntry()
+{
+    CallAtBoundary(L"CWscHandler::_CheckWscsvcAndUninstallFw", [this] { _CheckWscsvcAndUninstallFw(); });
 }
 
 bool CWscHandler::_WscUnregisterFailed()
@@ -151,12 +157,15 @@ bool CWscHandler::_IsWscServiceUp()
 
 void CALLBACK CWscHandler::_OnWscsvcNotify(void* parameter)
 {
-    const auto* notify = static_cast<const SERVICE_NOTIFYW*>(parameter);
-    if (notify == nullptr || notify->pContext == nullptr ||
-        notify->ServiceStatus.dwCurrentState != SERVICE_RUNNING)
-        return;
-    // No new registration: checkThread ends after this one notification.
-    static_cast<CWscHandler*>(notify->pContext)->_UninstallFw();
+    // A callback of the system's, delivered on checkThread.
+    CallAtBoundary(L"CWscHandler::_OnWscsvcNotify", [parameter] {
+        const auto* notify = static_cast<const SERVICE_NOTIFYW*>(parameter);
+        if (notify == nullptr || notify->pContext == nullptr ||
+            notify->ServiceStatus.dwCurrentState != SERVICE_RUNNING)
+            return;
+        // No new registration: checkThread ends after this one notification.
+        static_cast<CWscHandler*>(notify->pContext)->_UninstallFw();
+    });
 }
 
 void CWscHandler::_UninstallFw()

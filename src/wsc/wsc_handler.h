@@ -60,6 +60,8 @@ private:
     bool _WscUnregisterFailed();
     // Body of checkThread.
     void _CheckWscsvcAndUninstallFw();
+    // The thread's entry: _CheckWscsvcAndUninstallFw inside its guard.
+    void _CheckThreadEntry();
     // "wscsvc" is starting (2) or running (4).
     bool _IsWscServiceUp();
     // Runs as an APC on checkThread during its alertable wait.
