@@ -17,6 +17,13 @@ constexpr wchar_t kSubscriptionKey[] = L".DEFAULT\\SOFTWARE\\Sub_ID_PCPBOOT";
 const std::string kExample = R"({"app_data":{"commercial_details_id":"X1"},"commercial_data":{"k":"v"}})";
 const std::string kNotJson = "CBootstrap::_GetBootstrapData: Not json, syntax error at line ";
 const std::string kNoData = "CBootstrap::_InitCommercialId: Get bootstrap data failed";
+const std::string kOutOfRange = "CBootstrap::_GetBootstrapData: Not json, number out of range";
+
+// A usable file for C1 with a number of the given text beside app_data.
+std::string WithNumber(const std::string& number)
+{
+    return R"({"app_data":{"commercial_details_id":"C1"},"n":)" + number + "}";
+}
 
 // Setting 400 of "Desktop" names the test's folder with its trailing separator.
 class BootstrapTest : public ::testing::Test
@@ -66,6 +73,13 @@ TEST_F(BootstrapTest, InitTakesTheIdentifierOfAUsableFileOnly)
          {"CBootstrap::_InitCommercialId: No commercial_details_id in app_data"}, ""},
         {"object followed by text", kExample + "\nrest, not JSON [", {}, "X1"},
         {"invalid UTF-8 carried as bytes", "{\"app_data\":{\"commercial_details_id\":\"\xff\xfe\"}}", {}, "\xff\xfe"},
+        // Numbers beyond a double's range are valid JSON that a double
+        // cannot hold; tiny ones and -0 are merely rounded.
+        {"1e999", WithNumber("1e999"), {kOutOfRange, kNoData}, ""},
+        {"-1e999", WithNumber("-1e999"), {kOutOfRange, kNoData}, ""},
+        {"400 digits", WithNumber(std::string(400, '9')), {kOutOfRange, kNoData}, ""},
+        {"1e-999", WithNumber("1e-999"), {}, "C1"},
+        {"-0", WithNumber("-0"), {}, "C1"},
     };
     for (const Row& row : rows)
     {
@@ -180,6 +194,8 @@ TEST_F(BootstrapTest, AnUpdateRewritesTheFileOnlyWithAnObjectFromTheCloud)
         {"50 MB body", other, {big}, false, std::nullopt, {}},
         {"invalid UTF-8 outside a string", other, {"\xff{}"}, false, std::nullopt, {}},
         {"NUL inside the object", other, {std::string("{\"k\":\0\"v\"}", 10)}, false, std::nullopt, {}},
+        {"1e999 inside", other, {R"({"n":1e999})"}, false, std::nullopt, {}},
+        {"-1e999 alone", other, {"-1e999"}, false, std::nullopt, {}},
     };
     for (const Row& row : rows)
     {

@@ -49,14 +49,20 @@ public:
     static ComponentHolder Acquire(IComponentManager* manager, const wchar_t* name, const InterfaceId& id,
                                    Status& status)
     {
+        // The name is copied first: when that copy runs out of memory,
+        // nothing has been acquired yet.
+        ComponentHolder holder;
+        holder.name = name;
         void* out = nullptr;
         status = manager->GetComponent(name, id, &out);
-        ComponentHolder holder;
         if (status == 0)
         {
             holder.manager = manager;
-            holder.name = name;
             holder.component = static_cast<T*>(out);
+        }
+        else
+        {
+            holder.name.clear();
         }
         return holder;
     }

@@ -1,6 +1,6 @@
 #include "plugin/product_cfg_plugin.h"
 
-#include <cstdio>
+#include <cstdlib>
 
 #include "plugin/factory.h"
 #include "support/boundary.h"
@@ -10,7 +10,27 @@
 namespace
 {
 constexpr wchar_t kInit[] = L"CProductConfigurationPlg::Init";
+
+// What sscanf(text, "%llx-%llx-%llx-%llx-%llx") stores: hexadecimal groups
+// separated by '-', up to the first that does not scan; the rest stay 0.
+// mingw-w64's sscanf allocates a buffer and writes through it unchecked, so
+// it cannot be used where memory may run out.
+void ScanHexGroups(const char* text, unsigned long long (&groups)[5])
+{
+    const char* cursor = text;
+    for (size_t i = 0; i < 5; ++i)
+    {
+        if (i > 0 && *cursor++ != '-')
+            return;
+        char* end = nullptr;
+        const unsigned long long value = std::strtoull(cursor, &end, 16);
+        if (end == cursor)
+            return;
+        groups[i] = value;
+        cursor = end;
+    }
 }
+} // namespace
 
 CProductConfigurationPlg::CProductConfigurationPlg()
 {
@@ -71,9 +91,9 @@ Status CProductConfigurationPlg::_Init(IServMain* servMain)
         return fail(serialStatus);
     }
 
-    unsigned long long a = 0, b = 0, c = 0, d = 0, e = 0;
-    sscanf(ids::SubscriptionCommClientText, "%llx-%llx-%llx-%llx-%llx", &a, &b, &c, &d, &e);
-    const InterfaceId subscriptionId = InterfaceIdFromGroups(a, b, c, d, e);
+    unsigned long long groups[5] = {};
+    ScanHexGroups(ids::SubscriptionCommClientText, groups);
+    const InterfaceId subscriptionId = InterfaceIdFromGroups(groups[0], groups[1], groups[2], groups[3], groups[4]);
 
     Status status = 0;
     subscriptionClient =

@@ -1,0 +1,308 @@
+// The plugin's whole life with the system failing under it: every fallible
+// import, each of its calls in turn, once transient and once persistent,
+// one life each; for the allocator every allocation of Init, Start and Stop
+// and points spread over the rest. After each life: the process is alive,
+// nothing came out of the plugin, every item, timer, component and sink is
+// back with the host, no thread or handle of the plugin is left.
+//
+// PCP_FAULT_SWEEP=full runs every call of every function, the allocator's
+// too, in both modes (scripts/fault-sweep.sh).
+#include <windows.h>
+
+#include <tlhelp32.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+
+#include "fault_injector.h"
+#include "handle_count.h"
+#include "plugin_fixture.h"
+#include "support/unique_resource.h"
+
+// The named event that a running installer holds.
+constexpr wchar_t kInstallDoneEventName[] = L"Global\\Install_Done-9E9487AA-4E57-4A22-B92A-F353BB7727A6";
+
+namespace
+{
+constexpr wchar_t kId[] = L"PCPFAULT";
+constexpr wchar_t kBase[] = L"PcpFault";
+const std::wstring kProductKey = std::wstring(L"Software\\") + kBase + L"\\Product";
+const std::wstring kSubscriptionKey = std::wstring(L".DEFAULT\\SOFTWARE\\Sub_ID_") + kId;
+
+size_t ThreadCount()
+{
+    const UniqueSnapshot snapshot(CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
+    THREADENTRY32 entry{};
+    entry.dwSize = sizeof(entry);
+    size_t count = 0;
+    for (BOOL more = Thread32First(snapshot.get(), &entry); more; more = Thread32Next(snapshot.get(), &entry))
+        count += entry.th32OwnerProcessID == GetCurrentProcessId();
+    return count;
+}
+
+SubscriptionData Record(int32_t server, const char* commercialId, const char* account)
+{
+    SubscriptionData record = MakeRecord(server, 2, 1, account);
+    SetFixedText(record.CommercialId, commercialId);
+    return record;
+}
+
+// What a life is asked to fail, for the messages.
+struct Plan
+{
+    std::string function;
+    size_t n = 0;
+    fault::Mode mode = fault::Mode::Transient;
+};
+std::string Describe(const Plan& plan)
+{
+    if (plan.function.empty())
+        return "no fault";
+    return plan.function + " call " + std::to_string(plan.n) +
+           (plan.mode == fault::Mode::Persistent ? " and every later one" : " only");
+}
+
+// Ends the process, naming the life, when a life takes longer than a bound:
+// a hang is a failure, and nothing after it could be trusted.
+class Watchdog
+{
+public:
+    Watchdog() : thread([this] { Watch(); }) {}
+    ~Watchdog()
+    {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            done = true;
+        }
+        changed.notify_all();
+        thread.join();
+    }
+    void Begin(const std::string& life)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        current = life;
+        deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        changed.notify_all();
+    }
+    void End()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        current.clear();
+    }
+
+private:
+    void Watch()
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        while (!done)
+        {
+            if (!current.empty() && std::chrono::steady_clock::now() > deadline)
+            {
+                std::fprintf(stderr, "HANG: the life failing %s did not end within 30 s\n", current.c_str());
+                std::fflush(stderr);
+                std::_Exit(3);
+            }
+            changed.wait_for(lock, std::chrono::milliseconds(200));
+        }
+    }
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::string current;
+    std::chrono::steady_clock::time_point deadline;
+    bool done = false;
+    std::thread thread;
+};
+
+// Allocations counted at the edges of the phases of a life.
+struct Phases
+{
+    size_t afterStart = 0;
+    size_t beforeStop = 0;
+    size_t afterStop = 0;
+};
+
+class FaultSweep : public ::testing::Test
+{
+protected:
+    static void SetUpTestSuite()
+    {
+        module = new PluginModule();
+        installed = module->Loaded() && fault::Install(GetModuleHandleW(L"ProductCfgPlg.dll"));
+    }
+    static void TearDownTestSuite()
+    {
+        delete module;
+        module = nullptr;
+    }
+    void SetUp() override
+    {
+        ASSERT_TRUE(installed);
+        registry.Forget(HKEY_USERS, kSubscriptionKey);
+        registry.Forget(HKEY_LOCAL_MACHINE, std::wstring(L"Software\\") + kBase);
+        // The first life of a process leaves what Wine keeps for the rest
+        // of it (the service manager's connection among them).
+        Life({});
+    }
+
+    // One life under plan; false once an invariant has failed (each failure
+    // is reported with the plan). handlesAfter: handles of the process after
+    // the life less those before it.
+    bool Life(const Plan& plan, Phases* phases = nullptr, std::map<std::string, size_t>* calls = nullptr,
+              size_t* handlesAfter = nullptr)
+    {
+        SCOPED_TRACE(Describe(plan));
+        // The product as a first installation leaves it: a marker for the
+        // firewall's removal, contacts on, no configuration run yet.
+        registry.SetDword(HKEY_LOCAL_MACHINE, kProductKey, L"UnregFwWscFailed", 1);
+        registry.SetDword(HKEY_LOCAL_MACHINE, kProductKey, L"ProductCfgDelay", 1);
+        folder.Write(R"({"app_data":{"commercial_details_id":"C1"},"kept":true})");
+        const size_t threads = ThreadCount();
+        const size_t handles = OpenHandleCount();
+        {
+            auto host = std::make_unique<sim::Host>();
+            ConfigureProduct(*host, kId, kBase, kProductKey.c_str());
+            host->config.Set(400, L"Desktop", folder.path + L"\\");
+            host->subscription.SetRecord(Record(3, "C1", ""));
+            host->connectIntegrator.SetAnswer({R"({"contacts":["a"]})"});
+            host->productAgent.SetModule(L"vpn", 1);
+            // The installer is still at work when the plugin starts.
+            UniqueHandle installer(CreateEventW(nullptr, TRUE, FALSE, kInstallDoneEventName));
+            WTSSESSION_NOTIFICATION logon{sizeof(WTSSESSION_NOTIFICATION), 1};
+
+            watchdog.Begin(Describe(plan));
+            fault::Arm(plan.function, plan.n, plan.mode);
+            IServPlugin* plugin = module->Create();
+            if (plugin != nullptr)
+            {
+                if (plugin->Init(host.get()) == 0)
+                {
+                    plugin->Start();
+                    EXPECT_TRUE(host->WaitIdle());
+                    if (phases != nullptr)
+                        phases->afterStart = fault::Calls("malloc");
+                    SetEvent(installer.get());
+                    host->subscription.Deliver(Record(5, "C2", "acc-1"));
+                    host->sessionChange.Deliver(1, 5, &logon);
+                    host->productAgent.Async().Reply(L"1", L"");
+                    host->productAgent.Async().Reply(L"0", L"");
+                    host->subscription.Deliver(Record(5, "C2", "acc-1"));
+                    EXPECT_TRUE(host->WaitIdle());
+                    host->queue.Advance(1000);
+                    host->queue.Advance(3600000);
+                    EXPECT_TRUE(host->WaitIdle());
+                    if (phases != nullptr)
+                        phases->beforeStop = fault::Calls("malloc");
+                    plugin->Stop();
+                    if (phases != nullptr)
+                        phases->afterStop = fault::Calls("malloc");
+                }
+                plugin->UnInit();
+                module->Destroy(plugin);
+            }
+            if (calls != nullptr)
+            {
+                for (const std::string& function : fault::Functions())
+                    (*calls)[function] = fault::Calls(function);
+            }
+            fault::Disarm();
+            watchdog.End();
+            ExpectNothingLeft(*host);
+        }
+
+        EXPECT_EQ(ThreadCount(), threads) << "a thread of the plugin outlived it";
+        if (handlesAfter != nullptr)
+            *handlesAfter = OpenHandleCount() - handles;
+        return !HasFailure();
+    }
+
+    // A life whose handles are counted too. Wine's own share of the process
+    // now and then grows by a handle or two and stays there, so a growth
+    // counts as a leak only when the same life repeated grows it again.
+    bool CountedLife(const Plan& plan)
+    {
+        size_t grown = 0;
+        if (!Life(plan, nullptr, nullptr, &grown))
+            return false;
+        if (grown == 0 || static_cast<ptrdiff_t>(grown) < 0)
+            return true;
+        if (!Life(plan, nullptr, nullptr, &grown))
+            return false;
+        EXPECT_TRUE(grown == 0 || static_cast<ptrdiff_t>(grown) < 0)
+            << Describe(plan) << ": " << grown << " handles left after the life, twice";
+        return !HasFailure();
+    }
+
+    // Lives failing each call of function in turn from first to last (a
+    // stride over the range when step > 1); stops at the first broken life.
+    size_t Sweep(const std::string& function, size_t first, size_t last, size_t step, fault::Mode mode)
+    {
+        size_t lives = 0;
+        for (size_t n = first; n <= last; n += step, ++lives)
+        {
+            if (!CountedLife({function, n, mode}))
+                break;
+        }
+        return lives;
+    }
+
+    static PluginModule* module;
+    static bool installed;
+    LogCapture log;
+    RegistryScratch registry;
+    SettingsFolder folder{L"pcf"};
+    Watchdog watchdog;
+};
+PluginModule* FaultSweep::module = nullptr;
+bool FaultSweep::installed = false;
+
+bool FullSweep()
+{
+    const char* mode = std::getenv("PCP_FAULT_SWEEP");
+    return mode != nullptr && std::string(mode) == "full";
+}
+
+} // namespace
+
+TEST_F(FaultSweep, EveryCallOfEveryImportFailsInTurnAndThePluginSurvives)
+{
+    Phases phases;
+    std::map<std::string, size_t> calls;
+    ASSERT_TRUE(Life({}, &phases, &calls));
+    const bool full = FullSweep();
+    const auto started = std::chrono::steady_clock::now();
+    size_t total = 0;
+    for (const auto& [function, count] : calls)
+    {
+        if (count == 0)
+            continue;
+        size_t lives = 0;
+        for (const fault::Mode mode : {fault::Mode::Transient, fault::Mode::Persistent})
+        {
+            if (function != "malloc" || full)
+            {
+                // One call past the reference life's count: the order of the
+                // host's threads moves the counts a little.
+                lives += Sweep(function, 1, count + 1, 1, mode);
+                continue;
+            }
+            // Every allocation of Create, Init and Start, every one of Stop,
+            // and points spread over the rest of the life.
+            lives += Sweep(function, 1, phases.afterStart, 1, mode);
+            lives += Sweep(function, phases.beforeStop + 1, phases.afterStop, 1, mode);
+            const size_t rest = phases.beforeStop - phases.afterStart + (count - phases.afterStop);
+            const size_t step = std::max<size_t>(1, rest / 100);
+            lives += Sweep(function, phases.afterStart + 1, phases.beforeStop, step, mode);
+            lives += Sweep(function, phases.afterStop + 1, count, step, mode);
+        }
+        total += lives;
+        std::printf("%-28s %6zu calls in a life, %5zu lives\n", function.c_str(), count, lives);
+        if (HasFailure())
+            break;
+    }
+    const auto seconds =
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - started).count() /
+        1000.0;
+    std::printf("%zu lives in %.1f s\n", total, seconds);
+}
