@@ -44,9 +44,10 @@ constexpr Failure Clearing(uintptr_t result, DWORD lastError, int outIndex, size
 }
 
 // The table: every fallible function that the plugin or the runtime linked
-// into it imports. Handles are never failed on their way out (CloseHandle,
-// RegCloseKey, FreeLibrary and their kind): Windows fails those only for
-// handles that are not valid.
+// into it imports. Calls that Windows fails only for a handle that is not
+// valid are left alone: closing (CloseHandle, RegCloseKey, FreeLibrary and
+// their kind) and SetEvent, which the threads library linked into the DLL
+// also uses to wake its waiters.
 #define FAULT_TABLE(X)                                                                                                 \
     X(RegGetValueW, Plain(ERROR_ACCESS_DENIED))                                                                        \
     X(RegSetKeyValueW, Plain(ERROR_ACCESS_DENIED))                                                                     \
@@ -67,7 +68,6 @@ constexpr Failure Clearing(uintptr_t result, DWORD lastError, int outIndex, size
     X(NotifyServiceStatusChangeW, Plain(ERROR_SERVICE_MARKED_FOR_DELETE))                                              \
     X(CreateEventW, Plain(0, ERROR_NOT_ENOUGH_MEMORY))                                                                 \
     X(OpenEventW, Plain(0, ERROR_ACCESS_DENIED))                                                                       \
-    X(SetEvent, Plain(FALSE, ERROR_INVALID_HANDLE))                                                                    \
     X(DuplicateHandle, Plain(FALSE, ERROR_ACCESS_DENIED))                                                              \
     X(WaitForMultipleObjects, Plain(WAIT_FAILED, ERROR_INVALID_HANDLE))                                                \
     X(WaitForSingleObjectEx, Plain(WAIT_FAILED, ERROR_INVALID_HANDLE))                                                 \
