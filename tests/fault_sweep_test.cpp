@@ -264,7 +264,7 @@ bool FaultSweep::installed = false;
 // more often called ones a sample of this many calls; the allocator a sample
 // of kAllocatorPoints in its Create, Init and Start, all of Stop's, and
 // kAllocatorPoints over the whole life.
-constexpr size_t kEveryCallUpTo = 3;
+constexpr size_t kEveryCallUpTo = 2;
 constexpr size_t kAllocatorPoints = 15;
 
 bool FullSweep()
