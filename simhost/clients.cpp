@@ -1,4 +1,5 @@
 #include "simhost/clients.h"
+#include "simhost/fault_point.h"
 
 #include <memory>
 
@@ -248,7 +249,10 @@ Status ProductAgentClient::GetModuleInfo(const wchar_t* appId, IModuleInfo** out
         {
             *out = nullptr;
             const auto found = modules.find(appId);
-            if (found != modules.end())
+            const Status failure = InjectedFailure("GetModuleInfo");
+            if (failure != 0)
+                status = failure;
+            else if (found != modules.end())
             {
                 *out = new ModuleInfo(journal, released, id, found->second);
                 ++handedOut;
@@ -266,6 +270,8 @@ Status ProductAgentClient::GetModuleInfo(const wchar_t* appId, IModuleInfo** out
 Status ProductAgentClient::SetConnectAppState(const wchar_t* appId, bool on)
 {
     Status status = setStateFailure;
+    if (status == 0)
+        status = InjectedFailure("SetConnectAppState");
     {
         std::lock_guard<std::mutex> lock(moduleMutex);
         const auto found = appId != nullptr ? modules.find(appId) : modules.end();

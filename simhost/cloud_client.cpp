@@ -1,4 +1,5 @@
 #include "simhost/cloud_client.h"
+#include "simhost/fault_point.h"
 
 #include <windows.h>
 
@@ -201,6 +202,8 @@ CloudStatus ConnectIntegrator::PerformRequestImpl(CloudRequest& request, CloudRe
     }
     if (!good)
         return CloudStatus{0, ERROR_INVALID_PARAMETER};
+    if (const Status failure = InjectedFailure("PerformRequest"))
+        return CloudStatus{0, failure};
 
     const CloudAnswer answer = _NextAnswer();
     if (answer.delayMs != 0)

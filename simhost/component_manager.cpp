@@ -1,4 +1,5 @@
 #include "simhost/component_manager.h"
+#include "simhost/fault_point.h"
 
 #include <windows.h>
 
@@ -26,8 +27,15 @@ void ComponentManager::FailFrom(const std::wstring& name, size_t nth, Status sta
 
 Status ComponentManager::GetComponent(const wchar_t* name, const InterfaceId& id, void** out)
 {
-    Status status = 0;
+    Status status = InjectedFailure("GetComponent");
     const std::string text = Narrow(name);
+    if (status != 0)
+    {
+        if (out != nullptr)
+            *out = nullptr;
+        journal.Record("GetComponent " + text + " -> " + std::to_string(status));
+        return status;
+    }
     {
         std::lock_guard<std::mutex> lock(mutex);
         auto it = name != nullptr ? entries.find(name) : entries.end();

@@ -1,4 +1,5 @@
 #include "simhost/event_queue.h"
+#include "simhost/fault_point.h"
 
 #include <windows.h>
 
@@ -61,6 +62,12 @@ Status EventQueue::SetTimer(const wchar_t* name, TimerHandle* handle, uint32_t f
         return ERROR_INVALID_PARAMETER;
     }
     ledger.Received(item, text);
+    if (const Status failure = InjectedFailure("SetTimer"))
+    {
+        journal.Record("SetTimer " + text + " -> " + std::to_string(failure));
+        ledger.Release(item);
+        return failure;
+    }
     auto timer = std::make_shared<Timer>();
     timer->name = text;
     timer->periodMs = periodMs;
@@ -175,6 +182,13 @@ Status EventQueue::CreateSerialExecution(ISerialExecution** out)
         std::lock_guard<std::mutex> lock(mutex);
         status = serialFailure;
         handOut = status == 0 || serialHandOut;
+    }
+    if (const Status failure = InjectedFailure("CreateSerialExecution"))
+    {
+        status = failure;
+        handOut = false;
+        if (out != nullptr)
+            *out = nullptr;
     }
     if (out == nullptr)
     {

@@ -1,4 +1,5 @@
 #include "simhost/event_queue.h"
+#include "simhost/fault_point.h"
 
 #include <windows.h>
 
@@ -22,6 +23,13 @@ Status SerialExecution::Post(const wchar_t* name, TimerHandle* /*unused*/, EqWor
     if (item == nullptr)
         return ERROR_INVALID_PARAMETER;
     ledger.Received(item, text);
+    if (const Status failure = InjectedFailure("Post"))
+    {
+        // The item is the host's whatever the result: it goes unrun.
+        journal.Record("Release " + text + " (not run: Post failed)");
+        ledger.Release(item);
+        return failure;
+    }
     {
         std::lock_guard<std::mutex> lock(mutex);
         if (!stopping)

@@ -188,7 +188,8 @@ TEST(CountedStringTest, FailedAllocationLeavesTheStringUnchanged)
     m.fail = true;
     EXPECT_FALSE(host.Assign(std::string(100, 'x').c_str()));
     EXPECT_FALSE(host.Reserve(4));
-    EXPECT_EQ((std::array<int, 4>{2, 2, 0, 0}), m.calls);
+    EXPECT_THROW(host.Set(std::string(100, 'x').c_str()), std::bad_alloc);
+    EXPECT_EQ((std::array<int, 4>{3, 3, 0, 0}), m.calls);
     EXPECT_EQ(text, host.Text());
     EXPECT_STREQ("keep", text);
     EXPECT_EQ(8u, Descriptor(host).capacity);

@@ -20,6 +20,8 @@
 #include <process.h>
 #include <type_traits>
 
+#include "simhost/fault_point.h"
+
 namespace fault
 {
 namespace
@@ -94,11 +96,27 @@ constexpr Failure Clearing(uintptr_t result, DWORD lastError, int outIndex, size
     X(realloc, Plain(0, 0, ENOMEM))                                                                                    \
     X(_beginthreadex, Plain(0, 0, EAGAIN))
 
+// The simulated host's calls that return a status, and the status each
+// fails with (simhost/fault_point.h keeps the host's side of the contract).
+#define HOST_TABLE(X)                                                                                                  \
+    X(GetComponent, ERROR_NOT_FOUND)                                                                                   \
+    X(CreateSerialExecution, ERROR_NOT_ENOUGH_MEMORY)                                                                  \
+    X(SetTimer, ERROR_NOT_ENOUGH_MEMORY)                                                                               \
+    X(Post, ERROR_INVALID_HANDLE)                                                                                      \
+    X(GetModuleInfo, ERROR_NOT_FOUND)                                                                                  \
+    X(SetConnectAppState, ERROR_ACCESS_DENIED)                                                                         \
+    X(PerformRequest, ERROR_TIMEOUT)
+
 enum Index : size_t
 {
 #define FAULT_INDEX(name, failure) k_##name,
     FAULT_TABLE(FAULT_INDEX)
 #undef FAULT_INDEX
+        kImportRows,
+    kHostRowsBefore = kImportRows - 1,
+#define HOST_INDEX(name, status) kHost_##name,
+    HOST_TABLE(HOST_INDEX)
+#undef HOST_INDEX
         kRows
 };
 
@@ -192,7 +210,11 @@ Row rows[kRows] = {
     {#name, failure, reinterpret_cast<void*>(&Hook<k_##name, std::remove_pointer_t<decltype(&::name)>>::Call)},
     FAULT_TABLE(FAULT_ROW)
 #undef FAULT_ROW
+#define HOST_ROW(name, status) {#name, Plain(status), nullptr},
+    HOST_TABLE(HOST_ROW)
+#undef HOST_ROW
 };
+static_assert(sizeof(rows) / sizeof(rows[0]) == kRows, "one row per index");
 
 Row& RowAt(size_t index)
 {
@@ -207,6 +229,17 @@ Row* Find(const std::string& name)
             return &row;
     }
     return nullptr;
+}
+
+// The simulated host asks here before each call that returns a status.
+Status HostCall(const char* call)
+{
+    for (size_t index = kImportRows; index < kRows; ++index)
+    {
+        if (std::strcmp(rows[index].name, call) == 0)
+            return ShouldFail(index) ? static_cast<Status>(rows[index].failure.result) : 0;
+    }
+    return 0;
 }
 
 void ResetCounts()
@@ -245,6 +278,7 @@ bool Install(HMODULE module)
             any = true;
         }
     }
+    sim::SetFaultPoint(&HostCall);
     Disarm();
     return any;
 }
@@ -252,11 +286,19 @@ bool Install(HMODULE module)
 std::vector<std::string> Functions()
 {
     std::vector<std::string> names;
-    for (const Row& row : rows)
+    for (size_t index = 0; index < kRows; ++index)
     {
-        if (row.original != nullptr)
-            names.emplace_back(row.name);
+        if (rows[index].original != nullptr || index >= kImportRows)
+            names.emplace_back(rows[index].name);
     }
+    return names;
+}
+
+std::vector<std::string> HostCalls()
+{
+    std::vector<std::string> names;
+    for (size_t index = kImportRows; index < kRows; ++index)
+        names.emplace_back(rows[index].name);
     return names;
 }
 

@@ -4,7 +4,9 @@
 // n-th call of one function from then on (transient: that call only;
 // persistent: that call and every later one) the way the function fails by
 // its documentation (result, last error, errno, out parameters cleared);
-// otherwise the call goes on to Windows. Nothing in the DLL changes.
+// otherwise the call goes on to Windows. The simulated host's calls that
+// return a status go through the same counter (simhost/fault_point.h).
+// Nothing in the DLL changes.
 #pragma once
 
 #include <windows.h>
@@ -21,11 +23,16 @@ enum class Mode
     Persistent,
 };
 
-// Patches the imports of module that the table names; false when the module
-// imports none of them. Calls are counted from here on.
+// Patches the imports of module that the table names and routes the
+// simulated host's calls here; false when the module imports none of them.
+// Calls are counted from here on.
 bool Install(HMODULE module);
-// The functions of the table that the installed module imports.
+// The functions of the table that the installed module imports, and the
+// host's calls.
 std::vector<std::string> Functions();
+
+// The simulated host's calls of the table.
+std::vector<std::string> HostCalls();
 
 // Sets every count to 0 and fails the n-th call (from 1) of function.
 void Arm(const std::string& function, size_t n, Mode mode);

@@ -37,9 +37,7 @@ void CProductConfigurationPlg::_TryDoConfig(bool firstLoad)
         // had failed, the decision is made now.
         logger_stream(logging::LevelError, L"CProductConfigurationPlg::_TryDoConfig")
             << "Cannot start the wait thread: " << error.what();
-        _DoConfig();
-        installDoneEvent.reset();
-        installerPending = false;
+        _DoConfigAfterInstaller();
     }
 }
 
@@ -62,9 +60,23 @@ void CProductConfigurationPlg::_WaitForEventsAndConfig()
         logger_stream(logging::LevelInfo, kName) << "Receive stop event";
         return; // Stop closes the installer's event
     }
+    _DoConfigAfterInstaller();
+}
+
+void CProductConfigurationPlg::_DoConfigAfterInstaller()
+{
+    // Whether _DoConfig returns or its decision is lost to an exception, the
+    // wait is over: from here on _TryDoConfig decides for itself again.
+    struct WaitOver
+    {
+        CProductConfigurationPlg& plugin;
+        ~WaitOver()
+        {
+            plugin.installDoneEvent.reset();
+            plugin.installerPending = false;
+        }
+    } waitOver{*this};
     _DoConfig();
-    installDoneEvent.reset();
-    installerPending = false;
 }
 
 void CProductConfigurationPlg::_DoConfig()

@@ -178,13 +178,14 @@ Status CProductConfigurationPlg::_Start()
 {
     TraceScope trace(L"CProductConfigurationPlg::Start");
     SetLastError(0);
-    HANDLE event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    // A manual-reset event: the one SetEvent in Stop must end every wait on
+    // it. Owned from the start: taking the lock may fail for want of memory.
+    UniqueHandle event(CreateEventW(nullptr, TRUE, FALSE, nullptr));
     const DWORD lastError = GetLastError();
-    const bool failed = event == nullptr || lastError == ERROR_ALREADY_EXISTS;
-    // A manual-reset event: the one SetEvent in Stop must end every wait on it.
+    const bool failed = !event || lastError == ERROR_ALREADY_EXISTS;
     {
         std::lock_guard<std::mutex> lock(stopEventMutex);
-        stopEvent.reset(event);
+        stopEvent = std::move(event);
     }
     if (failed)
     {

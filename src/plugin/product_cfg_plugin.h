@@ -118,6 +118,9 @@ private:
     void _WaitForEventsAndConfig();
     // The thread's entry: _WaitForEventsAndConfig inside its guard.
     void _WaitThreadEntry();
+    // The installer is done, or cannot be waited for: _DoConfig, then the
+    // installer's event is closed.
+    void _DoConfigAfterInstaller();
     // Works out seccenterAllowed and arms the configuration timer when the
     // status block asks for a run.
     void _DoConfig();

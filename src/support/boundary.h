@@ -24,6 +24,18 @@ namespace boundary
 // the line on the stack, so it is written even when memory has run out;
 // without the logging library it is lost, and nothing else changes.
 Status LogCaughtException(const wchar_t* entry) noexcept;
+
+// Lives for one entry of the plugin's: when the entry returns with no
+// exception in flight on its thread, the thread's record of exceptions goes
+// back to the runtime's reserve (exception_runtime.cpp).
+class EntryScope
+{
+public:
+    EntryScope() = default;
+    ~EntryScope();
+    EntryScope(const EntryScope&) = delete;
+    EntryScope& operator=(const EntryScope&) = delete;
+};
 } // namespace boundary
 
 // Runs body and gives its result. An exception out of body is logged and
@@ -32,6 +44,7 @@ Status LogCaughtException(const wchar_t* entry) noexcept;
 template <class Body, class OnException>
 auto CallAtBoundary(const wchar_t* entry, Body&& body, OnException&& onException) noexcept -> decltype(body())
 {
+    const boundary::EntryScope scope;
     try
     {
         return std::forward<Body>(body)();

@@ -170,10 +170,12 @@ void CountedString::Set(const char* source)
 {
     if (source && (source == text || source == kEmptyText))
         return;
+    // Without memory the operation ends with the standard allocation error,
+    // the string as it was: the entry that made the string loses its event.
     if (source)
     {
         if (!Assign(source))
-            FailFast();
+            throw std::bad_alloc();
     }
     else
     {
@@ -181,7 +183,7 @@ void CountedString::Set(const char* source)
         if (!descriptor || descriptor->capacity == 0)
         {
             if (!Reserve(descriptor ? descriptor->growth : kCountedStringDefaultGrowth))
-                FailFast();
+                throw std::bad_alloc();
         }
         _Descriptor()->length = 0;
         text[0] = '\0';

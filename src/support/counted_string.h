@@ -47,7 +47,8 @@ public:
     // the string is then unchanged.
     bool Assign(const char* text, std::size_t length = kWholeText);
     // Replaces the text with a terminated text, or empties it for null.
-    // Fails fast when memory runs out or a guard is broken.
+    // Throws std::bad_alloc when memory runs out, the string unchanged;
+    // fails fast when a guard is broken.
     void Set(const char* text);
     // The terminated text; a shared empty text while there is no storage.
     const char* Text() const;
