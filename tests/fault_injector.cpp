@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <io.h>
+#include <sys/stat.h>
 #include <process.h>
 #include <type_traits>
 
@@ -69,6 +70,11 @@ constexpr Failure Clearing(uintptr_t result, DWORD lastError, int outIndex, size
     X(QueryServiceStatus, Plain(FALSE, ERROR_ACCESS_DENIED))                                                           \
     X(NotifyServiceStatusChangeW, Plain(ERROR_SERVICE_MARKED_FOR_DELETE))                                              \
     X(CreateEventW, Plain(0, ERROR_NOT_ENOUGH_MEMORY))                                                                 \
+    X(CreateEventA, Plain(0, ERROR_NOT_ENOUGH_MEMORY))                                                                 \
+    X(CreateSemaphoreA, Plain(0, ERROR_NOT_ENOUGH_MEMORY))                                                             \
+    X(WaitForSingleObject, Plain(WAIT_FAILED, ERROR_INVALID_HANDLE))                                                   \
+    X(MultiByteToWideChar, Plain(0, ERROR_NO_UNICODE_TRANSLATION))                                                     \
+    X(WideCharToMultiByte, Plain(0, ERROR_INSUFFICIENT_BUFFER))                                                        \
     X(OpenEventW, Plain(0, ERROR_ACCESS_DENIED))                                                                       \
     X(DuplicateHandle, Plain(FALSE, ERROR_ACCESS_DENIED))                                                              \
     X(WaitForMultipleObjects, Plain(WAIT_FAILED, ERROR_INVALID_HANDLE))                                                \
@@ -91,6 +97,9 @@ constexpr Failure Clearing(uintptr_t result, DWORD lastError, int outIndex, size
     X(fopen, Plain(0, 0, EACCES))                                                                                      \
     X(_read, Plain(kInvalid, 0, EIO))                                                                                  \
     X(_write, Plain(kInvalid, 0, ENOSPC))                                                                              \
+    X(_fstat64, Plain(kInvalid, 0, EBADF))                                                                             \
+    X(_lseeki64, Plain(kInvalid, 0, EINVAL))                                                                           \
+    X(_strdup, Plain(0, 0, ENOMEM))                                                                                    \
     X(malloc, Plain(0, 0, ENOMEM))                                                                                     \
     X(calloc, Plain(0, 0, ENOMEM))                                                                                     \
     X(realloc, Plain(0, 0, ENOMEM))                                                                                    \

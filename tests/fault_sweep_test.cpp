@@ -181,7 +181,7 @@ protected:
             {
                 if (plugin->Init(host.get()) == 0)
                 {
-                    plugin->Start();
+                    const bool started = plugin->Start() == 0;
                     EXPECT_TRUE(host->WaitIdle());
                     if (phases != nullptr)
                         phases->afterStart = fault::Calls("malloc");
@@ -195,6 +195,9 @@ protected:
                     host->queue.Advance(1000);
                     host->queue.Advance(3600000);
                     EXPECT_TRUE(host->WaitIdle());
+                    if (started && plan.mode == fault::Mode::Transient && fault::Injected() == 1 &&
+                        !IsHostCall(plan.function))
+                        ExpectTheNextRecordHandled(*host);
                     if (phases != nullptr)
                         phases->beforeStop = fault::Calls("malloc");
                     plugin->Stop();
@@ -218,6 +221,18 @@ protected:
         if (handlesAfter != nullptr)
             *handlesAfter = static_cast<ptrdiff_t>(OpenHandleCount()) - static_cast<ptrdiff_t>(handles);
         return !HasFailure();
+    }
+
+    // After a failure that came and went, the plugin is as before: the
+    // next record reaches the serial execution and runs. (A failing host
+    // call may lose the one item that registers the sinks; the design does
+    // not look at Post's result.)
+    static void ExpectTheNextRecordHandled(sim::Host& host)
+    {
+        const size_t before = host.ledger.ReleasedCount("_OnSubscriptionChanged");
+        host.subscription.Deliver(Record(5, "C3", "acc-1"));
+        EXPECT_TRUE(host.WaitIdle());
+        EXPECT_EQ(host.ledger.ReleasedCount("_OnSubscriptionChanged"), before + 1) << "the next record was lost";
     }
 
     // A life whose handles are counted too. Wine's own share of the process
@@ -261,12 +276,16 @@ protected:
         Host,
         Imports,
     };
+    static bool IsHostCall(const std::string& function)
+    {
+        const std::vector<std::string> host = fault::HostCalls();
+        return std::find(host.begin(), host.end(), function) != host.end();
+    }
     static Group GroupOf(const std::string& function)
     {
         if (function == "malloc")
             return Group::Allocator;
-        const std::vector<std::string> host = fault::HostCalls();
-        return std::find(host.begin(), host.end(), function) != host.end() ? Group::Host : Group::Imports;
+        return IsHostCall(function) ? Group::Host : Group::Imports;
     }
     void Run(Group group, std::vector<fault::Mode> modes);
 
@@ -283,9 +302,10 @@ bool FaultSweep::installed = false;
 // The CI run: functions called this often or less have every call failed,
 // more often called ones a sample of this many calls; the allocator a sample
 // of kAllocatorPoints in its Create, Init and Start, all of Stop's, and
-// kAllocatorPoints over the whole life.
+// kAllocatorPoints over the whole life. An import failing persistently
+// fails from its first call only.
 constexpr size_t kEveryCallUpTo = 2;
-constexpr size_t kAllocatorPoints = 15;
+constexpr size_t kAllocatorPoints = 12;
 
 bool FullSweep()
 {
@@ -312,6 +332,12 @@ void FaultSweep::Run(Group group, std::vector<fault::Mode> modes)
         {
             // One call past the reference life's count: the order of the
             // host's threads moves the counts a little.
+            if (!full && mode == fault::Mode::Persistent && group == Group::Imports)
+            {
+                // The harshest of them: the function never works in the life.
+                lives += Sweep(function, 1, 1, 1, mode);
+                continue;
+            }
             if (full || (function != "malloc" && count <= kEveryCallUpTo))
             {
                 lives += Sweep(function, 1, count + 1, 1, mode);
