@@ -3,7 +3,8 @@
 # and touches STAMP:
 #   wine-prefix.sh PREFIX STAMP
 # Safe to call concurrently: the first caller creates it, the others wait.
-# A failed creation leaves no prefix behind, so the next build tries again.
+# A failed creation is tried again up to three times and leaves no prefix
+# behind, so the next build tries again too.
 set -eu
 prefix=$(realpath -m "$1")
 stamp=$2
@@ -13,13 +14,22 @@ exec 9>"$prefix.lock"
 flock 9
 if [ ! -f "$prefix/system.reg" ]; then
   echo "Creating Wine prefix $prefix (once per build tree)"
-  if ! timeout -k 10 300 /usr/lib/wine/wine64 wineboot -i </dev/null >"$prefix.log" 2>&1; then
+  # wineboot now and then gives up on a fresh prefix ("ShellExecuteEx failed:
+  # Internal error" after "failed to open ...syswow64\rundll32.exe"); a new
+  # attempt on an empty folder succeeds. Three attempts at most.
+  for attempt in 1 2 3; do
+    if timeout -k 10 300 /usr/lib/wine/wine64 wineboot -i </dev/null >"$prefix.log" 2>&1; then
+      break
+    fi
     cat "$prefix.log" >&2
     /usr/lib/wine/wineserver -k </dev/null >/dev/null 2>&1 || true
     rm -rf "$prefix"
-    echo "wine-prefix: wineboot failed" >&2
-    exit 1
-  fi
+    if [ "$attempt" = 3 ]; then
+      echo "wine-prefix: wineboot failed three times" >&2
+      exit 1
+    fi
+    echo "wine-prefix: wineboot failed (attempt $attempt of 3), trying again" >&2
+  done
   /usr/lib/wine/wineserver -w </dev/null >/dev/null 2>&1 || true
 fi
 touch "$stamp"
