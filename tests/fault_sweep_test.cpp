@@ -1,9 +1,10 @@
-// The plugin's whole life with the system failing under it: every fallible
-// import, each of its calls in turn, once transient and once persistent,
-// one life each; for the allocator every allocation of Init, Start and Stop
-// and points spread over the rest. After each life: the process is alive,
-// nothing came out of the plugin, every item, timer, component and sink is
-// back with the host, no thread or handle of the plugin is left.
+// The plugin's whole life with the system and the host failing under it:
+// every fallible import and every host call that returns a status, each of
+// its calls in turn, once transient and once persistent, one life each. After
+// each life: the process is alive, nothing came out of the plugin, every
+// item, timer, component and sink is back with the host, no thread or handle
+// of the plugin is left, and after a failure that came and went the next
+// record is handled. CI takes a sample (kEveryCallUpTo, kAllocatorPoints).
 //
 // PCP_FAULT_SWEEP=full runs every call of every function, the allocator's
 // too, in both modes (scripts/fault-sweep.sh); PCP_FAULT_TRACE=1 names each
@@ -267,7 +268,6 @@ protected:
         return lives;
     }
 
-    // Sweeps the allocator, or every other function of the table.
     // The functions a sweep takes: the allocator, the host's calls, or every
     // other import.
     enum class Group
@@ -287,6 +287,7 @@ protected:
             return Group::Allocator;
         return IsHostCall(function) ? Group::Host : Group::Imports;
     }
+    // Sweeps the functions of group in each of modes.
     void Run(Group group, std::vector<fault::Mode> modes);
 
     static PluginModule* module;
