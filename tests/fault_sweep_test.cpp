@@ -20,6 +20,7 @@
 
 #include "fault_injector.h"
 #include "handle_count.h"
+#include "watchdog.h"
 #include "plugin_fixture.h"
 #include "support/unique_resource.h"
 
@@ -33,16 +34,6 @@ constexpr wchar_t kBase[] = L"PcpFault";
 const std::wstring kProductKey = std::wstring(L"Software\\") + kBase + L"\\Product";
 const std::wstring kSubscriptionKey = std::wstring(L".DEFAULT\\SOFTWARE\\Sub_ID_") + kId;
 
-size_t ThreadCount()
-{
-    const UniqueSnapshot snapshot(CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
-    THREADENTRY32 entry{};
-    entry.dwSize = sizeof(entry);
-    size_t count = 0;
-    for (BOOL more = Thread32First(snapshot.get(), &entry); more; more = Thread32Next(snapshot.get(), &entry))
-        count += entry.th32OwnerProcessID == GetCurrentProcessId();
-    return count;
-}
 
 SubscriptionData Record(int32_t server, const char* commercialId, const char* account)
 {
@@ -66,56 +57,6 @@ std::string Describe(const Plan& plan)
            (plan.mode == fault::Mode::Persistent ? " and every later one" : " only");
 }
 
-// Ends the process, naming the life, when a life takes longer than a bound:
-// a hang is a failure, and nothing after it could be trusted.
-class Watchdog
-{
-public:
-    Watchdog() : thread([this] { Watch(); }) {}
-    ~Watchdog()
-    {
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            done = true;
-        }
-        changed.notify_all();
-        thread.join();
-    }
-    void Begin(const std::string& life)
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        current = life;
-        deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-        changed.notify_all();
-    }
-    void End()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        current.clear();
-    }
-
-private:
-    void Watch()
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        while (!done)
-        {
-            if (!current.empty() && std::chrono::steady_clock::now() > deadline)
-            {
-                std::fprintf(stderr, "HANG: the life failing %s did not end within 30 s\n", current.c_str());
-                std::fflush(stderr);
-                std::_Exit(3);
-            }
-            changed.wait_for(lock, std::chrono::milliseconds(200));
-        }
-    }
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::string current;
-    std::chrono::steady_clock::time_point deadline;
-    bool done = false;
-    std::thread thread;
-};
 
 // Allocations counted at the edges of the phases of a life.
 struct Phases
@@ -173,7 +114,7 @@ protected:
             UniqueHandle installer(CreateEventW(nullptr, TRUE, FALSE, kInstallDoneEventName));
             WTSSESSION_NOTIFICATION logon{sizeof(WTSSESSION_NOTIFICATION), 1};
 
-            watchdog.Begin(Describe(plan));
+            watchdog.Begin("the life failing " + Describe(plan));
             if (std::getenv("PCP_FAULT_TRACE") != nullptr)
                 std::fprintf(stderr, "life: %s\n", Describe(plan).c_str());
             fault::Arm(plan.function, plan.n, plan.mode);
