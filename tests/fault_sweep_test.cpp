@@ -16,7 +16,9 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <map>
+#include <utility>
 
 #include "fault_injector.h"
 #include "handle_count.h"
@@ -93,7 +95,7 @@ protected:
     // is reported with the plan). handlesAfter: handles of the process after
     // the life less those before it.
     bool Life(const Plan& plan, Phases* phases = nullptr, std::map<std::string, size_t>* calls = nullptr,
-              ptrdiff_t* handlesAfter = nullptr)
+              ptrdiff_t* handlesAfter = nullptr, const std::function<void(sim::Host&)>& configure = {})
     {
         SCOPED_TRACE(Describe(plan));
         // The product as a first installation leaves it: a marker for the
@@ -110,6 +112,8 @@ protected:
             host->subscription.SetRecord(Record(3, "C1", ""));
             host->connectIntegrator.SetAnswer({R"({"contacts":["a"]})"});
             host->productAgent.SetModule(L"vpn", 1);
+            if (configure)
+                configure(*host);
             // The installer is still at work when the plugin starts.
             UniqueHandle installer(CreateEventW(nullptr, TRUE, FALSE, kInstallDoneEventName));
             WTSSESSION_NOTIFICATION logon{sizeof(WTSSESSION_NOTIFICATION), 1};
@@ -325,6 +329,39 @@ TEST_F(FaultSweep, EveryHostCallFailsAloneAndFromEachCallOnAndThePluginSurvives)
 TEST_F(FaultSweep, AllocationsFailInTurnAndThePluginSurvives)
 {
     Run(Group::Allocator, {fault::Mode::Transient, fault::Mode::Persistent});
+}
+
+// Every setting the plugin asks for, in every form a host may give it:
+// missing (null or "<error-not-found>"), empty, 32 KiB long, and a folder
+// without its trailing separator. Each is one whole life with no fault.
+TEST_F(FaultSweep, EverySettingInEveryFormLeavesAWholeLife)
+{
+    const std::pair<uint32_t, const wchar_t*> settings[] = {
+        {217, L"Desktop"}, {44, L"Desktop"}, {3003, L"common"}, {0, L"BASE"},
+        {227, L"Desktop"}, {203, L"app"},    {400, L"Desktop"},
+    };
+    const std::wstring longText(32 * 1024, L'k');
+    for (const auto& [number, section] : settings)
+    {
+        const std::vector<std::pair<const char*, std::function<void(sim::Host&)>>> forms = {
+            {"null", [&](sim::Host& host) { host.config.Remove(number, section); }},
+            {"not found",
+             [&](sim::Host& host) {
+                 host.config.SetMissing(sim::ServConfig::Missing::NotFoundText);
+                 host.config.Remove(number, section);
+             }},
+            {"empty", [&](sim::Host& host) { host.config.Set(number, section, L""); }},
+            {"32 KiB", [&](sim::Host& host) { host.config.Set(number, section, longText); }},
+            {"no trailing separator", [&](sim::Host& host) { host.config.Set(number, section, folder.path); }},
+        };
+        for (const auto& [form, configure] : forms)
+        {
+            SCOPED_TRACE(std::to_string(number) + " " + std::string(section, section + wcslen(section)) + ": " + form);
+            ptrdiff_t grown = 0;
+            if (!Life({}, nullptr, nullptr, &grown, configure))
+                return;
+        }
+    }
 }
 
 // Replays the one life named by PCP_FAULT_LIFE ("function:n:transient" or
