@@ -1,9 +1,11 @@
 #include "simhost/clients.h"
-#include "simhost/fault_point.h"
-
-#include <memory>
 
 #include <windows.h>
+
+#include <memory>
+#include <new>
+
+#include "simhost/fault_point.h"
 
 namespace sim
 {
@@ -37,12 +39,50 @@ void SubscriptionClient::SetRecord(const SubscriptionData& newRecord)
     record = newRecord;
 }
 
+namespace
+{
+// A record that ends where an inaccessible page begins, as a host's buffer
+// may: a sink that reads past the record stops the process on the spot.
+class RecordAgainstGuardPage
+{
+public:
+    explicit RecordAgainstGuardPage(const SubscriptionData& source)
+    {
+        SYSTEM_INFO system{};
+        GetSystemInfo(&system);
+        const size_t page = system.dwPageSize;
+        const size_t span = (sizeof(SubscriptionData) + page - 1) / page * page;
+        base = static_cast<char*>(VirtualAlloc(nullptr, span + page, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
+        if (base == nullptr)
+            throw std::bad_alloc();
+        DWORD old = 0;
+        VirtualProtect(base + span, page, PAGE_NOACCESS, &old);
+        static_assert(sizeof(SubscriptionData) % alignof(SubscriptionData) == 0, "the record ends aligned");
+        record = new (base + span - sizeof(SubscriptionData)) SubscriptionData(source);
+    }
+    ~RecordAgainstGuardPage()
+    {
+        record->~SubscriptionData();
+        VirtualFree(base, 0, MEM_RELEASE);
+    }
+    RecordAgainstGuardPage(const RecordAgainstGuardPage&) = delete;
+    RecordAgainstGuardPage& operator=(const RecordAgainstGuardPage&) = delete;
+
+    SubscriptionData* get() const { return record; }
+
+private:
+    char* base = nullptr;
+    SubscriptionData* record = nullptr;
+};
+} // namespace
+
 void SubscriptionClient::Deliver(const SubscriptionData& delivered, bool wait)
 {
-    auto buffer = std::make_shared<SubscriptionData>(delivered);
-    auto call = [this, buffer] {
+    auto guarded = std::make_shared<RecordAgainstGuardPage>(delivered);
+    SubscriptionData* buffer = guarded->get();
+    auto call = [this, guarded, buffer] {
         journal.Record("SubscriptionCommClient -> OnSubscriptionStatusChanged");
-        sinks.ForEach([&](ISubscriptionEvents* sink) { sink->OnSubscriptionStatusChanged(buffer.get()); });
+        sinks.ForEach([&](ISubscriptionEvents* sink) { sink->OnSubscriptionStatusChanged(buffer); });
         SubscriptionData rubbish;
         rubbish.ServerProductType = -7;
         rubbish.ProductType = -7;

@@ -87,9 +87,9 @@ public:
     void SetRecord(const SubscriptionData& record);
     size_t SinkCount() const { return sinks.Size(); }
     // OnSubscriptionStatusChanged on this client's thread with a record the
-    // client owns; once the sinks return, the client overwrites that record
-    // (as a host reusing its buffer would), so a sink that kept the pointer
-    // finds rubbish.
+    // client owns, placed so that an inaccessible page follows it; once the
+    // sinks return, the client overwrites that record (as a host reusing its
+    // buffer would), so a sink that kept the pointer finds rubbish.
     void Deliver(const SubscriptionData& record, bool wait = true);
     // OnSubscriptionStatusChanged(nullptr) on this client's thread.
     void DeliverNull(bool wait = true);

@@ -3,6 +3,10 @@
 // takes the file's identifier, or none with a level-4 line that says why;
 // an update succeeds exactly for a reply that is a JSON object, and one that
 // does not leaves the file byte for byte as it was and the identifier too.
+// Subscription records with no terminator in any text, types of any value
+// and long feature lists reach the real plugin through a host that puts
+// each record right before an inaccessible page: a read past the record
+// ends the process.
 // The seed is printed with every failure; PCP_SEED=n replays a run.
 #include <algorithm>
 #include <cstdlib>
@@ -16,6 +20,7 @@
 
 #include "bootstrap/bootstrap.h"
 #include "plugin_fixture.h"
+#include "registry_scratch.h"
 
 namespace
 {
@@ -201,4 +206,48 @@ TEST_F(HostileInputTest, AnUpdateTakesExactlyTheRepliesThatAreObjects)
         if (HasFailure())
             break;
     }
+}
+
+TEST_F(HostileInputTest, RecordsWithoutTerminatorsAreNeverReadPastTheirEnd)
+{
+    const std::wstring subscriptionKey = L".DEFAULT\\SOFTWARE\\Sub_ID_PCPHOSTILE";
+    RegistryScratch registry;
+    registry.Forget(HKEY_USERS, subscriptionKey);
+    registry.Forget(HKEY_LOCAL_MACHINE, L"Software\\PcpHostile");
+    ConfigureProduct(host, L"PCPHOSTILE", L"PcpHostile", L"Software\\PcpHostile\\Product");
+    PluginModule module;
+    ASSERT_TRUE(module.Loaded());
+    IServPlugin* plugin = module.Create();
+    ASSERT_EQ(plugin->Init(&host), 0u);
+    ASSERT_EQ(plugin->Start(), 0u);
+    ASSERT_TRUE(host.WaitIdle());
+    for (int input = 0; input < 200; ++input)
+    {
+        SCOPED_TRACE("PCP_SEED=" + std::to_string(seed) + ", record " + std::to_string(input));
+        SubscriptionData record;
+        SubscriptionFields& fields = record;
+        // Every byte of the fixed part, texts included, not zero.
+        auto* bytes = reinterpret_cast<unsigned char*>(&fields);
+        for (size_t i = 0; i < sizeof(SubscriptionFields); ++i)
+            bytes[i] = static_cast<unsigned char>(1 + rng() % 255);
+        record.Valid = rng() % 2 == 0;
+        record.OpaqueFlag1 = rng() % 2 == 0;
+        record.OpaqueFlag2 = rng() % 2 == 0;
+        const size_t features = rng() % 50 == 0 ? 100000 : rng() % 20;
+        for (size_t i = 0; i < features; ++i)
+            record.Features.Append(static_cast<SubscriptionFeatures>(rng()));
+        host.subscription.Deliver(record);
+        ASSERT_TRUE(host.WaitIdle());
+        if (record.ServerProductType != 0 || record.StatusCode != 0)
+        {
+            EXPECT_EQ(registry.Dword(HKEY_USERS, subscriptionKey, L"ServerProductType"),
+                      static_cast<DWORD>(record.ServerProductType));
+        }
+        if (HasFailure())
+            break;
+    }
+    plugin->Stop();
+    plugin->UnInit();
+    module.Destroy(plugin);
+    ExpectNothingLeft(host);
 }
