@@ -141,7 +141,7 @@ TEST_F(HostileInputTest, InitTakesTheFilesIdentifierOrNoneAndSaysWhy)
     const Strings reasons = {"CBootstrap::_InitCommercialId: Get bootstrap data failed",
                              "CBootstrap::_InitCommercialId: No app_data",
                              "CBootstrap::_InitCommercialId: No commercial_details_id in app_data"};
-    for (int input = 0; input < 600; ++input)
+    for (int input = 0; input < 2000; ++input)
     {
         const std::string bytes = Mutate(rng, kBase);
         SCOPED_TRACE("PCP_SEED=" + std::to_string(seed) + ", input " + std::to_string(input));
@@ -172,7 +172,7 @@ TEST_F(HostileInputTest, InitTakesTheFilesIdentifierOrNoneAndSaysWhy)
 TEST_F(HostileInputTest, AnUpdateTakesExactlyTheRepliesThatAreObjects)
 {
     const std::string commercialData = R"({"contacts":["a","b"],"n":1})";
-    for (int input = 0; input < 400; ++input)
+    for (int input = 0; input < 1500; ++input)
     {
         // Bodies beyond the 64 bytes reserved for them grow through the
         // plugin's memory manager; a NUL ends the reply.
@@ -221,7 +221,7 @@ TEST_F(HostileInputTest, RecordsWithoutTerminatorsAreNeverReadPastTheirEnd)
     ASSERT_EQ(plugin->Init(&host), 0u);
     ASSERT_EQ(plugin->Start(), 0u);
     ASSERT_TRUE(host.WaitIdle());
-    for (int input = 0; input < 200; ++input)
+    for (int input = 0; input < 500; ++input)
     {
         SCOPED_TRACE("PCP_SEED=" + std::to_string(seed) + ", record " + std::to_string(input));
         SubscriptionData record;
