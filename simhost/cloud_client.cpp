@@ -216,6 +216,12 @@ CloudStatus ConnectIntegrator::PerformRequestImpl(CloudRequest& request, CloudRe
     if (!WriteCountedString(responseRecord.Body, answer.body.data(), answer.body.size(), hostMemory) ||
         !WriteCountedString(responseRecord.Aux, answer.aux.data(), answer.aux.size(), hostMemory))
         return CloudStatus{0, ERROR_NOT_ENOUGH_MEMORY};
+    if (answer.lengthSkew != 0)
+    {
+        qm::CountedStringDescriptor* descriptor = HeaderOf(responseRecord.Body.text)->descriptor;
+        const int64_t claimed = static_cast<int64_t>(answer.body.size()) + answer.lengthSkew;
+        descriptor->length = static_cast<uint64_t>(claimed < 0 ? 0 : claimed);
+    }
     responseRecord.AuxCode = answer.auxCode;
     return CloudStatus{0x5EED, answer.error};
 }

@@ -35,6 +35,9 @@ struct CloudAnswer
     uint32_t delayMs = 0;
     std::string aux;
     uint32_t auxCode = 0;
+    // Added to the length that the body's descriptor claims (never below
+    // zero): a faulty host's count that does not match the text.
+    int64_t lengthSkew = 0;
 };
 
 // One request as the client received it.

@@ -1,8 +1,10 @@
 // The data file and the cloud's reply as an attacker or a failing disk may
 // write them, generated from a seed: whatever comes, nothing crashes; Init
 // takes the file's identifier, or none with a level-4 line that says why;
-// an update succeeds exactly for a reply that is a JSON object, and one that
-// does not leaves the file byte for byte as it was and the identifier too.
+// an update succeeds exactly for a reply that is a JSON object with a good
+// status, whatever length its descriptor claims, and one that does not
+// leaves the file byte for byte as it was and the identifier too; 50 MiB
+// of valid JSON are read and rewritten whole.
 // Subscription records with no terminator in any text, types of any value
 // and long feature lists reach the real plugin through a host that puts
 // each record right before an inaccessible page: a read past the record
@@ -177,9 +179,14 @@ TEST_F(HostileInputTest, AnUpdateTakesExactlyTheRepliesThatAreObjects)
         // Bodies beyond the 64 bytes reserved for them grow through the
         // plugin's memory manager; a NUL ends the reply.
         std::string body = rng() % 3 == 0 ? RandomJson(rng, 3) : Mutate(rng, commercialData);
+        // A failing status with a body, and a descriptor that claims more
+        // or less than the body holds.
+        sim::CloudAnswer answer(body, rng() % 8 == 0 ? 1 + static_cast<uint32_t>(rng() % 100) : 0);
+        static const int64_t kSkews[] = {0, 0, -1, 1, 4096, -(1LL << 40)};
+        answer.lengthSkew = kSkews[rng() % 6];
         SCOPED_TRACE("PCP_SEED=" + std::to_string(seed) + ", input " + std::to_string(input));
         folder.Write(kBase);
-        host.connectIntegrator.SetAnswer({body});
+        host.connectIntegrator.SetAnswer(answer);
         CBootstrap bootstrap;
         ASSERT_EQ(bootstrap.Init(&host), 0u);
         log.Clear();
@@ -187,7 +194,8 @@ TEST_F(HostileInputTest, AnUpdateTakesExactlyTheRepliesThatAreObjects)
         const Strings notes = log.Messages("WARN"), progress = log.Messages("INFO");
 
         picojson::value reply;
-        const bool object = ParseAsJson(body.substr(0, body.find('\0')), reply) && reply.is<picojson::object>();
+        const bool object = answer.error == 0 && ParseAsJson(body.substr(0, body.find('\0')), reply) &&
+                            reply.is<picojson::object>();
         EXPECT_EQ(updated, object);
         EXPECT_EQ(bootstrap.IsCommercialIdDifferent("C2"), !updated);
         if (updated)
@@ -205,6 +213,38 @@ TEST_F(HostileInputTest, AnUpdateTakesExactlyTheRepliesThatAreObjects)
         bootstrap.UnInit();
         if (HasFailure())
             break;
+    }
+}
+
+TEST_F(HostileInputTest, FiftyMebibytesOfValidJsonAreReadAndKeptWhole)
+{
+    // The identifier after 50 MiB of other members.
+    std::string big = R"({"other":{"k":"v"},"bulk":[)";
+    const std::string item = R"({"name":"contact","n":12345,"tags":["a","b"]},)";
+    size_t items = 1;
+    for (; big.size() < (50u << 20); ++items)
+        big += item;
+    big += R"(0],"app_data":{"commercial_details_id":"C9"}})";
+    folder.Write(big);
+    for (const bool accepted : {false, true})
+    {
+        SCOPED_TRACE(accepted ? "a reply that is an object" : "a reply that is not");
+        CBootstrap bootstrap;
+        ASSERT_EQ(bootstrap.Init(&host), 0u);
+        EXPECT_FALSE(bootstrap.IsCommercialIdDifferent("C9"));
+        host.connectIntegrator.SetAnswer({accepted ? R"({"contacts":["z"]})" : "[1]"});
+        EXPECT_EQ(bootstrap.UpdateBootstrapData("C2"), accepted);
+        bootstrap.UnInit();
+        if (!accepted)
+        {
+            EXPECT_TRUE(folder.Read() == big) << "a rejected reply changes nothing";
+            continue;
+        }
+        picojson::value written;
+        ASSERT_TRUE(ParseAsJson(*folder.Read(), written));
+        EXPECT_EQ(written.get("app_data").serialize(), R"({"commercial_details_id":"C2"})");
+        EXPECT_EQ(written.get("commercial_data").serialize(), R"({"contacts":["z"]})");
+        EXPECT_EQ(written.get("bulk").get<picojson::array>().size(), items);
     }
 }
 
