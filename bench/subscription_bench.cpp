@@ -4,7 +4,8 @@
 // the value the plugin reads (GsShowed under the subscription key) plus
 // allocating a work item that carries a record of the same size and posting
 // it to a serial execution of the simulated host. The target is a ratio of
-// at most 1.25; the figure is printed, never enforced.
+// at most 1.25, and 1.5 with the stand-in log.dll writing the plugin's lines
+// to a file; the figure is printed, never enforced.
 //
 //   subscription_bench [pairs per batch]        (default 250)
 //
@@ -42,7 +43,10 @@
 
 namespace
 {
+// Targets of the ratio: the plugin's own work, and with the stand-in log.dll
+// writing its trace lines to a file.
 constexpr double kTarget = 1.25;
+constexpr double kTargetWithLog = 1.5;
 constexpr int kBatches = 8;
 // Pause after a batch has drained: under Wine a registry read right after a
 // burst of registry writes (the plugin's items write two values each) takes
@@ -325,8 +329,9 @@ bool Report(const char* setup, const std::wstring& pluginPath, bool withLog, lon
     const double costLow = Percentile(samples.plugin, 0.1);
     std::printf("  floor: RegGetValueW + item posted  %8.1f us  (10th percentile %6.1f us)\n", floor, floorLow);
     std::printf("  OnSubscriptionStatusChanged        %8.1f us  (10th percentile %6.1f us)\n", cost, costLow);
-    std::printf("  ratio %.2f x floor (target %.2f: %s); at the 10th percentile %.2f\n", ratio, kTarget,
-                ratio <= kTarget ? "met" : "NOT met", costLow / floorLow);
+    const double limit = withLog ? kTargetWithLog : kTarget;
+    std::printf("  ratio %.2f x floor (target %.2f: %s); at the 10th percentile %.2f\n", ratio, limit,
+                ratio <= limit ? "met" : "NOT met", costLow / floorLow);
     return true;
 }
 

@@ -12,7 +12,8 @@
 //   HH:MM:SS.mmm <thread id> CALL  LogRemoveModule(logging::CLogDLL::~CLogDLL)
 //
 // Lines go to standard error, or are appended to the file named by the
-// environment variable QM_LOG_FILE, in UTF-8 with CR LF. QM_LOG_ENABLED=0
+// environment variable QM_LOG_FILE, in UTF-8 with CR LF; with QM_LOG_ECHO=1
+// they go to standard error as well. QM_LOG_ENABLED=0
 // makes LogIsEnabled answer false; QM_LOG_LAST_ERROR=<n> makes it leave n as
 // the calling thread's last error, as a library that calls the system may.
 // The other entry points do nothing.
@@ -39,6 +40,7 @@ using standin::Variable;
 constexpr wchar_t kFileVariable[] = L"QM_LOG_FILE";
 constexpr wchar_t kEnabledVariable[] = L"QM_LOG_ENABLED";
 constexpr wchar_t kLastErrorVariable[] = L"QM_LOG_LAST_ERROR";
+constexpr wchar_t kEchoVariable[] = L"QM_LOG_ECHO";
 
 // Per-thread depth, in a TLS slot of this library's lifetime.
 DWORD depthSlot = TLS_OUT_OF_INDEXES;
@@ -58,6 +60,18 @@ std::string Prefix(const char* levelName)
     return prefix;
 }
 
+// The file of QM_LOG_FILE, opened at its first line and kept open for the
+// library's lifetime; opened anew when the variable names another file or
+// the file was deleted (a test may make a new one under the same name).
+// Every line is one WriteFile straight to the system, so a crash of the
+// process loses none.
+struct OpenLog
+{
+    std::wstring path;
+    UniqueFileHandle file;
+};
+OpenLog openLog;
+
 void WriteLine(std::string line)
 {
     line += "\r\n";
@@ -65,16 +79,22 @@ void WriteLine(std::string line)
     DWORD written = 0;
     const std::wstring path = Variable(kFileVariable);
     std::lock_guard<std::mutex> lock(writeMutex);
-    if (path.empty())
-    {
+    if (path.empty() || Variable(kEchoVariable) == L"1")
         WriteFile(GetStdHandle(STD_ERROR_HANDLE), line.data(), size, &written, nullptr);
+    if (path.empty())
         return;
+    FILE_STANDARD_INFO info{};
+    if (path != openLog.path || !openLog.file ||
+        !GetFileInformationByHandleEx(openLog.file.get(), FileStandardInfo, &info, sizeof(info)) ||
+        info.DeletePending || info.NumberOfLinks == 0)
+    {
+        openLog.file.reset(CreateFileW(path.c_str(), FILE_APPEND_DATA,
+                                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_ALWAYS,
+                                       FILE_ATTRIBUTE_NORMAL, nullptr));
+        openLog.path = path;
     }
-    const UniqueFileHandle file(CreateFileW(path.c_str(), FILE_APPEND_DATA,
-                                            FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                            OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (file)
-        WriteFile(file.get(), line.data(), size, &written, nullptr);
+    if (openLog.file)
+        WriteFile(openLog.file.get(), line.data(), size, &written, nullptr);
 }
 
 void WriteCall(const std::wstring& call)
@@ -136,7 +156,10 @@ BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID reserved)
     else if (reason == DLL_PROCESS_DETACH)
     {
         if (reserved == nullptr) // FreeLibrary, not the end of the process
+        {
             WriteCall(L"DLL_PROCESS_DETACH");
+            openLog.file.reset();
+        }
         if (depthSlot != TLS_OUT_OF_INDEXES)
             TlsFree(depthSlot);
     }
