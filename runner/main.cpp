@@ -8,6 +8,7 @@
 #include <string>
 
 #include "runner/console.h"
+#include "runner/json_report.h"
 #include "runner/player.h"
 #include "runner/plugin_library.h"
 #include "runner/scenario.h"
@@ -24,9 +25,17 @@ int Unusable(const std::string& message)
 
 int Run(int argc, wchar_t** argv)
 {
+    std::wstring jsonPath;
+    if (argc == 4 && std::wstring(argv[1]) == L"--json")
+    {
+        jsonPath = argv[2];
+        argv += 2;
+        argc -= 2;
+    }
     if (argc != 2)
-        return Unusable("usage: OrbhubSim <scenario.json>\n"
-                        "Plays the scenario against ProductCfgPlg.dll from this program's folder.");
+        return Unusable("usage: OrbhubSim [--json FILE] <scenario.json>\n"
+                        "Plays the scenario against ProductCfgPlg.dll from this program's folder; --json also\n"
+                        "writes the run as one JSON document to FILE.");
     const std::wstring path = argv[1];
     const std::string source = sim::Narrow(path.c_str());
 
@@ -43,9 +52,18 @@ int Run(int argc, wchar_t** argv)
         return Unusable(error);
 
     runner::Console console;
-    console.Line("== scenario " + source + " with " + sim::Narrow(library->Path().c_str()));
-    runner::Player player(*parsed.scenario, *library, console);
-    return player.Play();
+    const std::string pluginPath = sim::Narrow(library->Path().c_str());
+    console.Line("== scenario " + source + " with " + pluginPath);
+    runner::JsonReport report;
+    report.Begin(source, pluginPath, parsed.scenario->description);
+    int status = runner::kExitUnusable;
+    {
+        runner::Player player(*parsed.scenario, *library, console, jsonPath.empty() ? nullptr : &report);
+        status = player.Play();
+    }
+    if (!jsonPath.empty() && !runner::WriteTextFile(jsonPath, report.Text()))
+        return Unusable("cannot write the JSON report to " + sim::Narrow(jsonPath.c_str()));
+    return status;
 }
 } // namespace
 

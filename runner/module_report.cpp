@@ -44,6 +44,7 @@ void Player::ReportModuleChanges()
             outcome = "state stays " + StateText(call.after);
         else
             outcome = "state " + StateText(call.before) + " -> " + StateText(call.after);
+        effects.modules.push_back(sim::Narrow(call.appId.c_str()) + (call.on ? " on" : " off"));
         Say("module: SetConnectAppState " + sim::Narrow(call.appId.c_str()) + (call.on ? " on" : " off") + " -> " +
             std::to_string(call.status) + ", " + outcome);
     }

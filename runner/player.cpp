@@ -70,10 +70,17 @@ private:
 };
 } // namespace
 
-Player::Player(const scenario::Scenario& scenario, const PluginLibrary& library, Console& console)
-    : scenario(scenario), library(library), console(console)
+Player::Player(const scenario::Scenario& scenario, const PluginLibrary& library, Console& console,
+               JsonReport* report)
+    : scenario(scenario), library(library), console(console), report(report)
 {
-    host.journal.SetListener([&out = console](const std::string& line) { out.Line("    host: " + line); });
+    host.journal.SetListener([this](const std::string& line) {
+        {
+            std::lock_guard<std::mutex> lock(hostCallsMutex);
+            effects.hostCalls.push_back(line);
+        }
+        this->console.Line("    host: " + line);
+    });
 }
 
 Player::~Player()
@@ -88,11 +95,20 @@ ExitStatus Player::Play()
         console.Line("   " + scenario.description);
     if (!SetUp())
         return kExitUnusable;
+    WatchScenarioKeys(scenario, registryWatch);
+    registryWatch.Reset();
+    logTail.TakeNew();
+    if (report != nullptr)
+        report->Setup(said);
 
     for (size_t i = 0; i < scenario.steps.size(); ++i)
     {
         const scenario::Step& step = scenario.steps[i];
         WaitIdle("before step " + std::to_string(i));
+        {
+            std::lock_guard<std::mutex> lock(hostCallsMutex);
+            effects = StepEffects{};
+        }
         console.Line("== step " + std::to_string(i) + ": " + scenario::Describe(step.action));
         if (!step.note.empty())
             Say("# " + step.note);
@@ -107,18 +123,53 @@ ExitStatus Player::Play()
         ReportWsc(host.ledger.ReceivedCount("_OnSubscriptionChanged") != refreshesBefore ||
                       std::holds_alternative<scenario::StartWscsvcStep>(step.action),
                   markerBefore);
+        FinishStep(i, scenario::Describe(step.action), step.note, step.expect);
     }
     WaitIdle("after the last step");
     if (plugin != nullptr)
     {
+        {
+            std::lock_guard<std::mutex> lock(hostCallsMutex);
+            effects = StepEffects{};
+        }
         console.Line("== end: the plugin object is still alive; the runner stops it");
         TearDown();
         ReportLaunches();
         ReportModuleChanges();
         ReportCommercial();
+        FinishStep(scenario.steps.size(), "end", "", std::nullopt);
     }
     PrintSummary();
-    return failures.empty() ? kExitClean : kExitCheckFailed;
+    const ExitStatus status = failures.empty() ? kExitClean : kExitCheckFailed;
+    if (report != nullptr)
+        report->Summary(said, failures, status);
+    return status;
+}
+
+void Player::FinishStep(size_t index, const std::string& name, const std::string& note,
+                        const std::optional<scenario::Expectations>& expect)
+{
+    std::lock_guard<std::mutex> lock(hostCallsMutex);
+    effects.log = logTail.TakeNew();
+    effects.registry = registryWatch.TakeChanges();
+    for (const RegistryChange& change : effects.registry)
+        Say("registry: " + change.place + ": " + change.before + " -> " + change.after);
+    std::vector<Unmet> unmet;
+    if (expect)
+        unmet = Check(*expect, effects);
+    for (const Unmet& entry : unmet)
+    {
+        Say("EXPECTED " + entry.what + ":");
+        for (const std::string& line : SideBySide(entry))
+            Say("  " + line);
+        failures.push_back("step " + std::to_string(index) + ": expected " + entry.what + " not met");
+        ++unmetExpectations;
+    }
+    if (report != nullptr)
+    {
+        report->Step(index, name, note, host.queue.Now(), effects, expect.has_value(), unmet);
+        said.clear();
+    }
 }
 
 bool Player::SetUp()
@@ -381,7 +432,10 @@ void Player::ReportWsc(bool jobPossible, bool markerBefore)
             Sleep(2);
     }
     for (const std::string& line : wscRecord.TakeNew())
+    {
         Say("wsc: " + line);
+        effects.wsc.push_back(line);
+    }
     if (markerBefore && !MarkerThere())
         Say("wsc: marker UnregFwWscFailed removed");
 }
@@ -389,7 +443,22 @@ void Player::ReportWsc(bool jobPossible, bool markerBefore)
 void Player::ReportCommercial()
 {
     commercial.Report(
-        host, [this](const std::string& line) { Say(line); }, [this](const std::string& line) { Fail(line); });
+        host,
+        [this](const std::string& line) {
+            Say(line);
+            // "cloud: request <path> <method> <parameters>"
+            const std::string request = "cloud: request ";
+            const std::string rewritten = "bootstrap: settings\\bootstrapdata.json rewritten: ";
+            if (line.rfind(rewritten, 0) == 0)
+                effects.bootstrap.push_back(line.substr(rewritten.size()));
+            if (line.rfind(request, 0) == 0)
+            {
+                const size_t method = line.find(' ', request.size());
+                const size_t parameters = method == std::string::npos ? method : line.find(' ', method + 1);
+                effects.cloud.push_back(parameters == std::string::npos ? "" : line.substr(parameters + 1));
+            }
+        },
+        [this](const std::string& line) { Fail(line); });
 }
 
 void Player::Create()
@@ -521,7 +590,11 @@ void Player::ReportLaunches()
 {
     std::vector<uint32_t> still;
     for (const Launch& launch : launches.TakeNew(still))
+    {
         Say("launch: " + launch.commandLine + " (session " + std::to_string(launch.session) + ")");
+        effects.launches.push_back(launch.commandLine);
+        effects.sessions.push_back(launch.session);
+    }
     for (const uint32_t pid : still)
         Fail("ProductCfg.exe (pid " + std::to_string(pid) + ") had not ended 10 s after the step");
 }
@@ -539,6 +612,7 @@ void Player::PrintSummary()
         failures.push_back(Plural(contractErrors, "host contract error", "host contract errors") +
                            " in the journal (lines starting with ERROR)");
 
+    said.clear();
     console.Line("== summary");
     Say("work items: " + std::to_string(host.ledger.ReceivedCount()) + " received, " +
         std::to_string(host.ledger.ReleasedCount()) + " released, " + std::to_string(host.ledger.Outstanding()) +
@@ -549,6 +623,7 @@ void Player::PrintSummary()
     Say("launches of ProductCfg.exe: " + std::to_string(launches.Total()));
     Say("SetConnectAppState calls: " + std::to_string(host.productAgent.ConnectStateCalls().size()));
     Say("host contract errors: " + std::to_string(contractErrors));
+    Say("expectations not met: " + std::to_string(unmetExpectations));
     if (failures.empty())
     {
         Say("result: ok");

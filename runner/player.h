@@ -9,6 +9,7 @@
 #include <windows.h>
 
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -16,8 +17,12 @@
 #include "host/plugin.h"
 #include "runner/commercial_setup.h"
 #include "runner/console.h"
+#include "runner/expectations.h"
+#include "runner/json_report.h"
 #include "runner/launch_record.h"
+#include "runner/log_tail.h"
 #include "runner/plugin_library.h"
+#include "runner/registry_watch.h"
 #include "runner/scenario.h"
 #include "runner/wsc_record.h"
 #include "simhost/sim_host.h"
@@ -36,7 +41,9 @@ enum ExitStatus : int
 class Player
 {
 public:
-    Player(const scenario::Scenario& scenario, const PluginLibrary& library, Console& console);
+    // report, when given, receives the run as a JSON document.
+    Player(const scenario::Scenario& scenario, const PluginLibrary& library, Console& console,
+           JsonReport* report = nullptr);
     // A plugin object still alive is taken down as "stop" would.
     ~Player();
 
@@ -105,8 +112,16 @@ private:
     std::string ModuleObjectsLeft() const;
     // The cloud requests of the step and the commercial data file's rewrites.
     void ReportCommercial();
+    // After a step's own reports: its log lines and registry changes, then
+    // the check of its expectations, and its entry in the JSON report.
+    void FinishStep(size_t index, const std::string& name, const std::string& note,
+                    const std::optional<scenario::Expectations>& expect);
     void PrintSummary();
-    void Say(const std::string& text) { console.Line("  " + text); }
+    void Say(const std::string& text)
+    {
+        said.push_back(text);
+        console.Line("  " + text);
+    }
     void Fail(const std::string& problem);
 
     const scenario::Scenario& scenario;
@@ -114,6 +129,16 @@ private:
     Console& console;
     // Named in the environment before the plugin can start ProductCfg.exe.
     LaunchRecord launches;
+    // Named in the environment before the plugin loads log.dll.
+    LogTail logTail;
+    RegistryWatch registryWatch;
+    JsonReport* report;
+    // What the current step did; the host's journal lines come from its
+    // threads too.
+    StepEffects effects;
+    std::mutex hostCallsMutex;
+    // The lines said since the last section of the JSON report.
+    std::vector<std::string> said;
     WscRecord wscRecord;
     CommercialSetup commercial;
     std::unique_ptr<standin::Wscsvc> wscsvc;
@@ -124,6 +149,7 @@ private:
     IServPlugin* plugin = nullptr;
     Phase phase = Phase::None;
     std::vector<std::string> failures;
+    size_t unmetExpectations = 0;
     size_t moduleCallsReported = 0;
 };
 } // namespace runner

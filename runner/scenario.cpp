@@ -128,6 +128,85 @@ void ReadRegistryFields(FieldReader& fields, RegistryValue& out)
     }
 }
 
+// A list of texts under key; out is replaced.
+void ReadTextList(FieldReader& fields, const char* key, std::vector<std::string>& out, std::string& error)
+{
+    const picojson::value* list = fields.Find(key);
+    if (list == nullptr || !fields.Ok())
+        return;
+    if (!list->is<picojson::array>())
+        return fields.Fail(key, "expected a list of texts");
+    std::vector<std::string> texts;
+    const picojson::array& items = list->get<picojson::array>();
+    for (size_t i = 0; i < items.size(); ++i)
+    {
+        std::string text;
+        if (!ReadText(items[i], JoinPath(fields.PathOf(key), i), text, error))
+            return;
+        texts.push_back(text);
+    }
+    out = texts;
+}
+
+void ReadTextList(FieldReader& fields, const char* key, std::optional<std::vector<std::string>>& out,
+                  std::string& error)
+{
+    if (fields.Find(key) == nullptr)
+        return;
+    std::vector<std::string> texts;
+    ReadTextList(fields, key, texts, error);
+    if (fields.Ok())
+        out = texts;
+}
+
+// A step's "expect" object.
+Expectations ReadExpectations(FieldReader& fields, std::string& error)
+{
+    Expectations expect;
+    fields.OnlyKeys({"launches", "registry", "log", "no_log", "cloud", "bootstrap", "modules", "wsc", "host"});
+    ReadTextList(fields, "launches", expect.launches, error);
+    ReadTextList(fields, "log", expect.log, error);
+    ReadTextList(fields, "no_log", expect.noLog, error);
+    ReadTextList(fields, "cloud", expect.cloud, error);
+    ReadTextList(fields, "bootstrap", expect.bootstrap, error);
+    ReadTextList(fields, "modules", expect.modules, error);
+    ReadTextList(fields, "wsc", expect.wsc, error);
+    if (const picojson::value* list = fields.Find("registry"); list != nullptr && fields.Ok())
+    {
+        if (!list->is<picojson::array>())
+            fields.Fail("registry", "expected a list of {root, key, name, type, value}");
+        else
+        {
+            const picojson::array& items = list->get<picojson::array>();
+            for (size_t i = 0; i < items.size() && error.empty(); ++i)
+            {
+                FieldReader value(items[i], JoinPath(fields.PathOf("registry"), i), error);
+                value.OnlyKeys({"root", "key", "name", "type", "value"});
+                RegistryValue expected;
+                ReadRegistryFields(value, expected);
+                if (value.Ok())
+                    expect.registry.push_back(expected);
+            }
+        }
+    }
+    if (const picojson::value* counts = fields.Find("host"); counts != nullptr && fields.Ok())
+    {
+        if (!counts->is<picojson::object>())
+            fields.Fail("host", "expected an object of host calls and their counts");
+        else
+        {
+            for (const auto& entry : counts->get<picojson::object>())
+            {
+                uint32_t count = 0;
+                if (!ReadUint32(entry.second, JoinPath(fields.PathOf("host"), entry.first), count, error))
+                    break;
+                expect.host[entry.first] = count;
+            }
+        }
+    }
+    return expect;
+}
+
 // One entry per step kind: its name, the keys it takes besides "do" and
 // "note", and how its fields become a StepAction.
 struct StepKind
@@ -226,9 +305,13 @@ std::optional<Step> ReadStep(const picojson::value& value, const std::string& pa
     {
         if (name != kind.name)
             continue;
-        fields.OnlyKeys(kind.keys);
-        Step step{kind.read(fields), std::string()};
+        std::vector<const char*> keys = kind.keys;
+        keys.push_back("expect");
+        fields.OnlyKeys(keys);
+        Step step{kind.read(fields), std::string(), std::nullopt};
         fields.Text("note", step.note, Need::Optional);
+        fields.Object("expect", Need::Optional, "an object of expected effects",
+                      [&](FieldReader& expect) { step.expect = ReadExpectations(expect, error); });
         if (!fields.Ok())
             return std::nullopt;
         return step;

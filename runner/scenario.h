@@ -185,10 +185,34 @@ using StepAction = std::variant<InitStep, StartStep, StopStep, ServiceStatusStep
                                 UserInfoChangedStep, UserInfoReplyStep, AdvanceStep, WaitIdleStep, SetRegistryStep,
                                 ShowRegistryStep, SubscriptionStep, WscMarkerStep, StartWscsvcStep>;
 
+// A step's "expect" object: what must have happened once the step is over.
+// Lists that are given are compared exactly and in order ([] means none);
+// registry values, log lines and host counts are checked one by one.
+struct Expectations
+{
+    std::optional<std::vector<std::string>> launches; // command lines of ProductCfg.exe
+    std::vector<RegistryValue> registry;              // values that hold after the step; "absent" too
+    std::vector<std::string> log;                     // "LEVEL function: text", must appear
+    std::vector<std::string> noLog;                   // "LEVEL function: text", must not appear
+    std::optional<std::vector<std::string>> cloud;    // parameters of the cloud requests
+    std::optional<std::vector<std::string>> bootstrap; // the data file's rewrites, as the report shows them
+    std::optional<std::vector<std::string>> modules;  // SetConnectAppState calls: "<application> on|off"
+    std::optional<std::vector<std::string>> wsc;      // what wsc.dll recorded: "wsc.dll UnInstall(1)", ...
+    std::map<std::string, uint32_t> host;             // host calls starting with the key -> how many
+
+    bool operator==(const Expectations& o) const
+    {
+        return launches == o.launches && registry == o.registry && log == o.log && noLog == o.noLog &&
+               cloud == o.cloud && bootstrap == o.bootstrap && modules == o.modules && wsc == o.wsc &&
+               host == o.host;
+    }
+};
+
 struct Step
 {
     StepAction action;
     std::string note; // printed under the step's header; may be empty
+    std::optional<Expectations> expect;
 };
 
 // The service "wscsvc" the runner installs before the first step.
