@@ -98,7 +98,21 @@ TEST(ScenarioParse, RefusesMalformedInputWithPlaceAndExpectation)
          "steps[0].ms: expected a whole number from 0 to 2592000000, found 1.5"},
         {"{\"steps\": [\"advance\"]}", "steps[0].ms: missing (expected a whole number from 0 to 2592000000)"},
         {"{\"steps\": [{\"do\": \"session_change\", \"event\": 5, \"colour\": 1}]}",
-         "steps[0].colour: unknown key (expected one of: do, note, time, event, info)"},
+         "steps[0].colour: unknown key (expected one of: do, note, time, event, info, expect)"},
+        // A step's expectations.
+        {"{\"steps\": [{\"do\": \"start\", \"expect\": {\"launch\": []}}]}",
+         "steps[0].expect.launch: unknown key (expected one of: launches, registry, log, no_log, cloud, bootstrap, "
+         "modules, wsc, host)"},
+        {"{\"steps\": [{\"do\": \"start\", \"expect\": {\"launches\": \"x\"}}]}",
+         "steps[0].expect.launches: expected a list of texts"},
+        {"{\"steps\": [{\"do\": \"start\", \"expect\": {\"log\": [1]}}]}",
+         "steps[0].expect.log[0]: expected a text, found a number"},
+        {"{\"steps\": [{\"do\": \"start\", \"expect\": {\"host\": {\"SetTimer\": -1}}}]}",
+         "steps[0].expect.host.SetTimer: expected a whole number from 0 to 4294967295, found -1"},
+        {"{\"steps\": [{\"do\": \"start\", \"expect\": {\"registry\": [{\"root\": \"HKLM\", \"key\": \"k\", "
+         "\"name\": \"n\", \"type\": \"dword\"}]}}]}",
+         "steps[0].expect.registry[0].value: missing (expected a whole number from 0 to 4294967295)"},
+        {"{\"steps\": [{\"do\": \"start\", \"expect\": []}]}", "steps[0].expect: expected an object, found a list"},
         {"{\"steps\": [{\"do\": \"user_info_reply\", \"level\": \"\xff\"}]}",
          "steps[0].level: expected a text in UTF-8"},
         // Subscription records, at the top level and in a step: names, widths and ranges.
@@ -186,7 +200,9 @@ TEST(ScenarioParse, ValidScenarioBecomesTheRecord)
         "bundle_id": "q\"\u00fc", "commercial_id": "C1", "features": [9, -1, 9]},
       "steps": [
         "init",
-        {"do": "start", "note": "now"},
+        {"do": "start", "note": "now", "expect": {"launches": [], "cloud": ["{}"], "log": ["INFO f: t"],
+          "no_log": ["ERROR f: u"], "bootstrap": [], "modules": ["com.q.vpn on"], "wsc": ["wsc.dll loaded"],
+          "registry": [{"root": "HKLM", "key": "K", "name": "N", "type": "absent"}], "host": {"Run a": 2, "Post": 0}}},
         {"do": "service_status", "service": 0, "status": 1},
         {"do": "session_change", "time": 7, "event": 5, "info": false},
         {"do": "session_change", "event": 6},
@@ -250,6 +266,18 @@ TEST(ScenarioParse, ValidScenarioBecomesTheRecord)
     for (size_t i = 0; i < expected.size(); ++i)
         EXPECT_TRUE(s.steps[i].action == expected[i]) << "step " << i << ": " << Describe(s.steps[i].action);
     EXPECT_EQ(s.steps[1].note, "now");
+    Expectations expect;
+    expect.launches = std::vector<std::string>{};
+    expect.cloud = std::vector<std::string>{"{}"};
+    expect.log = {"INFO f: t"};
+    expect.noLog = {"ERROR f: u"};
+    expect.bootstrap = std::vector<std::string>{};
+    expect.modules = std::vector<std::string>{"com.q.vpn on"};
+    expect.wsc = std::vector<std::string>{"wsc.dll loaded"};
+    expect.registry = {{RegistryRoot::LocalMachine, L"K", L"N", RegistryType::Absent, 0, L""}};
+    expect.host = {{"Run a", 2}, {"Post", 0}};
+    EXPECT_TRUE(s.steps[1].expect == expect);
+    EXPECT_FALSE(s.steps[0].expect.has_value());
 
     // The record is printed in one line, any byte of its texts escaped.
     const SubscriptionRecord record{INT32_MIN, 3, INT32_MAX, 0xFFFFFFFFu, true, 30, "acc", "q\"\xc3\xbc", "C1", {9, -1, 9}};
