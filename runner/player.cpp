@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+#include <algorithm>
+
 #include "config/subscription_data.h"
 #include "runner/registry_preset.h"
 
@@ -10,6 +12,8 @@ namespace runner
 namespace
 {
 constexpr wchar_t kPluginName[] = L"productconfigplg";
+// The event that the product's installer sets at its end.
+constexpr wchar_t kInstallerEvent[] = L"Global\\Install_Done-9E9487AA-4E57-4A22-B92A-F353BB7727A6";
 
 // The components whose acquisitions and releases the teardown check counts.
 constexpr const wchar_t* kComponents[] = {L"SubscriptionCommClient", L"sessionchange",
@@ -150,7 +154,25 @@ void Player::FinishStep(size_t index, const std::string& name, const std::string
                         const std::optional<scenario::Expectations>& expect)
 {
     std::lock_guard<std::mutex> lock(hostCallsMutex);
-    effects.log = logTail.TakeNew();
+    std::vector<LogLine> lines = logTail.TakeNew();
+    effects.log.insert(effects.log.end(), lines.begin(), lines.end());
+    // A first load while the installer runs starts waitThread beside the
+    // host's threads: the step is over once it waits.
+    if (installer && !installerFinished &&
+        std::find(effects.hostCalls.begin(), effects.hostCalls.end(), "Run _DelayedLoad") != effects.hostCalls.end())
+    {
+        auto waiting = [this] {
+            return std::any_of(effects.log.begin(), effects.log.end(), [](const LogLine& line) {
+                return line.function == "CProductConfigurationPlg::_WaitForEventsAndConfig" &&
+                       line.text == "Start waiting after installer";
+            });
+        };
+        for (const ULONGLONG deadline = GetTickCount64() + 10000; !waiting() && GetTickCount64() < deadline; Sleep(2))
+        {
+            lines = logTail.TakeNew();
+            effects.log.insert(effects.log.end(), lines.begin(), lines.end());
+        }
+    }
     effects.registry = registryWatch.TakeChanges();
     for (const RegistryChange& change : effects.registry)
         Say("registry: " + change.place + ": " + change.before + " -> " + change.after);
@@ -208,6 +230,16 @@ bool Player::SetUp()
         return false;
     if (!SetUpWscsvc())
         return false;
+    if (scenario.installerRunning)
+    {
+        installer.reset(CreateEventW(nullptr, TRUE, FALSE, kInstallerEvent));
+        if (!installer || GetLastError() == ERROR_ALREADY_EXISTS)
+        {
+            console.Line("cannot create the installer's event (another installer runs?); nothing was played");
+            return false;
+        }
+        Say("installer: running (its event exists, not set)");
+    }
 
     host.serviceStatus.SetStatus(scenario.hostServiceStatus);
     Say("QmServiceStatusClient.GetStatus(0) answers " + std::to_string(scenario.hostServiceStatus));
@@ -360,6 +392,27 @@ void Player::Run(const scenario::StartWscsvcStep&)
     if (!wscsvc->AwaitState(SERVICE_RUNNING))
         return Fail("start_wscsvc: wscsvc was not running within 20 s");
     Say("wscsvc: running");
+}
+
+void Player::Run(const scenario::FinishInstallerStep&)
+{
+    if (!installer)
+        return Fail("finish_installer: the scenario has no installer (\"installer_running\" in the setup)");
+    SetEvent(installer.get());
+    installerFinished = true;
+    Say("installer: finished (its event set)");
+    // waitThread wakes beside the host's threads; its decision is over when
+    // _WaitForEventsAndConfig returns.
+    const ULONGLONG deadline = GetTickCount64() + 10000;
+    for (bool done = false; !done && GetTickCount64() < deadline; Sleep(done ? 0 : 2))
+    {
+        std::vector<LogLine> lines = logTail.TakeNew();
+        for (const LogLine& line : lines)
+            done = done || (line.function == "CProductConfigurationPlg::_WaitForEventsAndConfig" &&
+                            line.text.rfind("<- ", 0) == 0);
+        std::lock_guard<std::mutex> lock(hostCallsMutex);
+        effects.log.insert(effects.log.end(), lines.begin(), lines.end());
+    }
 }
 
 bool Player::SetUpWscsvc()

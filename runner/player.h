@@ -68,6 +68,7 @@ private:
     void Run(const scenario::SubscriptionStep& step);
     void Run(const scenario::WscMarkerStep&);
     void Run(const scenario::StartWscsvcStep&);
+    void Run(const scenario::FinishInstallerStep&);
 
     // Where the plugin object is in its one cycle of the host contract.
     enum class Phase
@@ -142,6 +143,9 @@ private:
     WscRecord wscRecord;
     CommercialSetup commercial;
     std::unique_ptr<standin::Wscsvc> wscsvc;
+    // The installer's named event while the scenario's installer runs.
+    UniqueHandle installer;
+    bool installerFinished = false;
     // What a logon event carries; the plugin only tests it for null. Lives
     // longer than the host's threads that pass it on.
     WTSSESSION_NOTIFICATION sessionNotification{sizeof(WTSSESSION_NOTIFICATION), 1};

@@ -266,6 +266,7 @@ const std::vector<StepKind>& StepKinds()
          }},
         {"wsc_marker", {"do", "note"}, [](FieldReader&) -> StepAction { return WscMarkerStep{}; }},
         {"start_wscsvc", {"do", "note"}, [](FieldReader&) -> StepAction { return StartWscsvcStep{}; }},
+        {"finish_installer", {"do", "note"}, [](FieldReader&) -> StepAction { return FinishInstallerStep{}; }},
         {"subscription", {"do", "note", "record"},
          [](FieldReader& fields) -> StepAction {
              SubscriptionStep step;
@@ -566,7 +567,8 @@ ParseResult ParseScenario(const std::string& text)
     top.OnlyKeys({"description", "settings", "missing_setting", "registry", "host_service_status",
                   "fail_components", "fail_serial_execution", "product_agent_async", "user_info_answer",
                   "modules", "fail_set_connect_app_state", "null_component_manager", "null_event_queue",
-                  "subscription", "wscsvc", "steps", "bootstrap_file", "commercial_details", "cloud_answers"});
+                  "subscription", "wscsvc", "installer_running", "steps", "bootstrap_file", "commercial_details",
+                  "cloud_answers"});
     top.Text("description", scenario.description, Need::Optional);
     ReadSettings(top, scenario, error);
     ReadMissingSetting(top, scenario);
@@ -596,6 +598,7 @@ ParseResult ParseScenario(const std::string& text)
         else
             top.Fail("wscsvc", "unknown state \"" + wscsvc + "\" (expected one of: stopped, running, start_pending)");
     }
+    top.Bool("installer_running", scenario.installerRunning, Need::Optional);
     ReadCommercialKeys(top, scenario, error);
     ReadSteps(top, scenario, error);
     if (error.empty())
@@ -706,6 +709,7 @@ std::string Describe(const StepAction& action)
         std::string operator()(const SubscriptionStep& s) const { return "subscription " + Describe(s.record); }
         std::string operator()(const WscMarkerStep&) const { return "wsc_marker"; }
         std::string operator()(const StartWscsvcStep&) const { return "start_wscsvc"; }
+        std::string operator()(const FinishInstallerStep&) const { return "finish_installer"; }
     };
     return std::visit(Describer{}, action);
 }

@@ -180,10 +180,14 @@ struct StartWscsvcStep // starts the installed "wscsvc" (or lets a held start go
 {
     bool operator==(const StartWscsvcStep&) const { return true; }
 };
+struct FinishInstallerStep // sets the installer's named event, as the installer does at its end
+{
+    bool operator==(const FinishInstallerStep&) const { return true; }
+};
 
 using StepAction = std::variant<InitStep, StartStep, StopStep, ServiceStatusStep, SessionChangeStep,
                                 UserInfoChangedStep, UserInfoReplyStep, AdvanceStep, WaitIdleStep, SetRegistryStep,
-                                ShowRegistryStep, SubscriptionStep, WscMarkerStep, StartWscsvcStep>;
+                                ShowRegistryStep, SubscriptionStep, WscMarkerStep, StartWscsvcStep, FinishInstallerStep>;
 
 // A step's "expect" object: what must have happened once the step is over.
 // Lists that are given are compared exactly and in order ([] means none);
@@ -280,6 +284,9 @@ struct Scenario
     // all-zero record.
     std::optional<SubscriptionRecord> subscription;
     Wscsvc wscsvc = Wscsvc::Untouched;
+    // "installer_running": the installer's named event exists, not set,
+    // until a finish_installer step.
+    bool installerRunning = false;
     std::optional<BootstrapFile> bootstrapFile;
     // "Commercial_Details" at the subscription key path (setting 44 "Desktop").
     std::optional<RegistryValue> commercialDetails;
