@@ -45,7 +45,7 @@ TEST(ScenarioParse, RefusesMalformedInputWithPlaceAndExpectation)
         {"{\"stepz\": []}", "stepz: unknown key (expected one of: description, settings, missing_setting, registry, "
                             "host_service_status, fail_components, fail_serial_execution, product_agent_async, "
                             "user_info_answer, modules, fail_set_connect_app_state, null_component_manager, null_event_queue, "
-                            "subscription, wscsvc, steps, bootstrap_file, commercial_details, cloud_answers)"},
+                            "subscription, wscsvc, installer_running, steps, bootstrap_file, commercial_details, cloud_answers)"},
         {"{\"wscsvc\": \"paused\", \"steps\": []}",
          "wscsvc: unknown state \"paused\" (expected one of: stopped, running, start_pending)"},
         {"{}", "steps: missing (expected a list of steps)"},
@@ -91,7 +91,7 @@ TEST(ScenarioParse, RefusesMalformedInputWithPlaceAndExpectation)
         {"{\"steps\": [\"start\", {\"do\": \"advanse\"}]}",
          "steps[1].do: unknown step \"advanse\" (expected one of: init, start, stop, service_status, session_change, "
          "user_info_changed, user_info_reply, advance, wait_idle, set_registry, show_registry, wsc_marker, "
-         "start_wscsvc, subscription)"},
+         "start_wscsvc, finish_installer, subscription)"},
         {"{\"steps\": [{\"ms\": 5}]}", "steps[0].do: missing (expected a text)"},
         {"{\"steps\": [5]}", "steps[0]: expected an object, found a number"},
         {"{\"steps\": [{\"do\": \"advance\", \"ms\": 1.5}]}",
@@ -215,11 +215,13 @@ TEST(ScenarioParse, ValidScenarioBecomesTheRecord)
         {"do": "subscription", "record": {}},
         "wsc_marker",
         "start_wscsvc",
+        "finish_installer",
         "stop",
         "start",
         "stop"
       ],
-      "wscsvc": "start_pending"
+      "wscsvc": "start_pending",
+      "installer_running": true
     })");
     ASSERT_TRUE(result.scenario.has_value()) << result.error;
     const Scenario& s = *result.scenario;
@@ -242,6 +244,7 @@ TEST(ScenarioParse, ValidScenarioBecomesTheRecord)
     EXPECT_TRUE(s.nullComponentManager);
     EXPECT_TRUE(s.nullEventQueue);
     EXPECT_EQ(s.wscsvc, scenario::Wscsvc::StartPending);
+    EXPECT_TRUE(s.installerRunning);
 
     const std::vector<StepAction> expected = {
         InitStep{},
@@ -258,6 +261,7 @@ TEST(ScenarioParse, ValidScenarioBecomesTheRecord)
         SubscriptionStep{},
         WscMarkerStep{},
         StartWscsvcStep{},
+        FinishInstallerStep{},
         StopStep{},
         StartStep{},
         StopStep{},
