@@ -203,6 +203,12 @@ bool Player::SetUp()
         return false;
     }
     Say("ProductCfg.exe records its starts in a file of the runner's own (PCP_PRODUCTCFG_RECORD)");
+    if (!logTail.Ready())
+    {
+        console.Line("cannot make a file for the plugin's log; nothing was played");
+        return false;
+    }
+    Say("log.dll writes the plugin's log to a file of the runner's own too (QM_LOG_FILE, QM_LOG_ECHO=1)");
     host.config.SetMissing(scenario.missingSetting == scenario::MissingSetting::Null
                                ? sim::ServConfig::Missing::Null
                                : sim::ServConfig::Missing::NotFoundText);
