@@ -36,7 +36,6 @@ TEST(ScenarioParse, RefusesMalformedInputWithPlaceAndExpectation)
     const Malformed cases[] = {
         // JSON itself, with the line of the fault.
         {"{\n  \"steps\": [\n    \"start\",,\n  ]\n}", "syntax error at line 3 near: ,"},
-        {"{\"steps\": []} trailing", "syntax error at line 1 near: trailing"},
         {"{\"steps\": [],\n \"steps\": []}", "line 2: duplicate key \"steps\""},
         {"{\"steps\": [{\"do\": \"advance\", \"ms\": 1e999}]}", "line 1: number out of range"},
         {Nested(33), "line 1: nesting deeper than 32 levels"},
@@ -53,29 +52,18 @@ TEST(ScenarioParse, RefusesMalformedInputWithPlaceAndExpectation)
         {"{\"host_service_status\": 4294967296, \"steps\": []}",
          "host_service_status: expected a whole number from 0 to 4294967295, found 4294967296"},
         {"{\"product_agent_async\": 1, \"steps\": []}", "product_agent_async: expected true or false, found a number"},
-        {"{\"user_info_answer\": {\"level\": \"1\", \"when\": \"soon\"}, \"steps\": []}",
-         "user_info_answer.when: unknown timing \"soon\" (expected one of: early, late)"},
-        {"{\"missing_setting\": \"none\", \"steps\": []}",
-         "missing_setting: unknown answer \"none\" (expected one of: null, <error-not-found>)"},
         // The product agent's modules and their connect states.
-        {"{\"modules\": [\"com.q.vpn\"], \"steps\": []}", "modules: expected an object, found a list"},
         {"{\"modules\": {\"\": 1}, \"steps\": []}",
          "modules: expected application identifiers as keys, found an empty key"},
         {"{\"modules\": {\"com.q.\xff\": 1}, \"steps\": []}", "modules: expected application identifiers in UTF-8"},
-        {"{\"modules\": {\"com.q.vpn\": -1}, \"steps\": []}",
-         "modules.com.q.vpn: expected a whole number from 0 to 4294967295, found -1"},
         {"{\"modules\": {\"com.q.vpn\": true}, \"steps\": []}",
          "modules.com.q.vpn: expected a whole number from 0 to 4294967295, found true or false"},
-        {"{\"modules\": {\"com.q.vpn\": 1,\n \"com.q.vpn\": 0}, \"steps\": []}", "line 2: duplicate key \"com.q.vpn\""},
         // Settings, registry values and failing components.
         {"{\"settings\": [{\"number\": 44, \"section\": \"Desktop\"}], \"steps\": []}",
          "settings[0].value: missing (expected a text)"},
         {"{\"settings\": [{\"number\": 1, \"section\": \"s\", \"value\": \"a\"}, "
          "{\"number\": 1, \"section\": \"s\", \"value\": \"b\"}], \"steps\": []}",
          "settings[1].number: setting 1 \"s\" is given twice (first at settings[0])"},
-        {"{\"registry\": [{\"root\": \"HKCR\", \"key\": \"k\", \"name\": \"n\", \"type\": \"dword\", \"value\": 1}], "
-         "\"steps\": []}",
-         "registry[0].root: unknown root \"HKCR\" (expected one of: HKLM, HKCU, HKU)"},
         {"{\"registry\": [{\"root\": \"HKLM\", \"key\": \"k\", \"name\": \"n\", \"type\": \"absent\", \"value\": 1}], "
          "\"steps\": []}",
          "registry[0].value: not allowed with type \"absent\""},
@@ -93,26 +81,15 @@ TEST(ScenarioParse, RefusesMalformedInputWithPlaceAndExpectation)
          "user_info_changed, user_info_reply, advance, wait_idle, set_registry, show_registry, wsc_marker, "
          "start_wscsvc, finish_installer, subscription)"},
         {"{\"steps\": [{\"ms\": 5}]}", "steps[0].do: missing (expected a text)"},
-        {"{\"steps\": [5]}", "steps[0]: expected an object, found a number"},
         {"{\"steps\": [{\"do\": \"advance\", \"ms\": 1.5}]}",
          "steps[0].ms: expected a whole number from 0 to 2592000000, found 1.5"},
         {"{\"steps\": [\"advance\"]}", "steps[0].ms: missing (expected a whole number from 0 to 2592000000)"},
-        {"{\"steps\": [{\"do\": \"session_change\", \"event\": 5, \"colour\": 1}]}",
-         "steps[0].colour: unknown key (expected one of: do, note, time, event, info, expect)"},
         // A step's expectations.
         {"{\"steps\": [{\"do\": \"start\", \"expect\": {\"launch\": []}}]}",
          "steps[0].expect.launch: unknown key (expected one of: launches, registry, log, no_log, cloud, bootstrap, "
          "modules, wsc, host)"},
         {"{\"steps\": [{\"do\": \"start\", \"expect\": {\"launches\": \"x\"}}]}",
          "steps[0].expect.launches: expected a list of texts"},
-        {"{\"steps\": [{\"do\": \"start\", \"expect\": {\"log\": [1]}}]}",
-         "steps[0].expect.log[0]: expected a text, found a number"},
-        {"{\"steps\": [{\"do\": \"start\", \"expect\": {\"host\": {\"SetTimer\": -1}}}]}",
-         "steps[0].expect.host.SetTimer: expected a whole number from 0 to 4294967295, found -1"},
-        {"{\"steps\": [{\"do\": \"start\", \"expect\": {\"registry\": [{\"root\": \"HKLM\", \"key\": \"k\", "
-         "\"name\": \"n\", \"type\": \"dword\"}]}}]}",
-         "steps[0].expect.registry[0].value: missing (expected a whole number from 0 to 4294967295)"},
-        {"{\"steps\": [{\"do\": \"start\", \"expect\": []}]}", "steps[0].expect: expected an object, found a list"},
         {"{\"steps\": [{\"do\": \"user_info_reply\", \"level\": \"\xff\"}]}",
          "steps[0].level: expected a text in UTF-8"},
         // Subscription records, at the top level and in a step: names, widths and ranges.
@@ -121,19 +98,13 @@ TEST(ScenarioParse, RefusesMalformedInputWithPlaceAndExpectation)
          "status_code, valid, days_left, account_id, bundle_id, commercial_id, features)"},
         {"{\"subscription\": {\"bundle_id\": \"" + std::string(200, 'b') + "\"}, \"steps\": []}",
          "subscription.bundle_id: expected a text of at most 199 bytes, found 200 bytes"},
-        {"{\"subscription\": {\"days_left\": -1}, \"steps\": []}",
-         "subscription.days_left: expected a whole number from 0 to 4294967295, found -1"},
-        {"{\"subscription\": [], \"steps\": []}", "subscription: expected an object, found a list"},
         {"{\"steps\": [{\"do\": \"subscription\"}]}", "steps[0].record: missing (expected a subscription record)"},
         {"{\"steps\": [{\"do\": \"subscription\", \"record\": {\"server_product_type\": 2147483648}}]}",
          "steps[0].record.server_product_type: expected a whole number from -2147483648 to 2147483647, found "
          "2147483648"},
-        {"{\"steps\": [{\"do\": \"subscription\", \"record\": {\"features\": [1, -2147483649]}}]}",
-         "steps[0].record.features[1]: expected a whole number from -2147483648 to 2147483647, found -2147483649"},
         {"{\"steps\": [{\"do\": \"subscription\", \"record\": {\"account_id\": \"a\\u0000b\"}}]}",
          "steps[0].record.account_id: expected a text without NUL characters"},
         // The commercial data file, Commercial_Details and the cloud's answers.
-        {"{\"bootstrap_file\": \"absent\", \"steps\": []}", "bootstrap_file: expected an object, found a text"},
         {"{\"bootstrap_file\": {\"contents\": \"\"}, \"steps\": []}",
          "bootstrap_file.contents: unknown key (expected one of: content, settings_folder)"},
         {"{\"bootstrap_file\": {\"content\": \"{}\", \"settings_folder\": false}, \"steps\": []}",
@@ -143,22 +114,10 @@ TEST(ScenarioParse, RefusesMalformedInputWithPlaceAndExpectation)
          "bootstrap_file: setting 400 \"Desktop\" is given in settings too (the runner names its own folder there)"},
         {"{\"commercial_details\": {\"type\": \"dword\", \"value\": 0}, \"steps\": []}",
          "commercial_details: needs setting 44 \"Desktop\" in settings (it names the subscription key)"},
-        {"{\"commercial_details\": {\"type\": \"qword\", \"value\": 0}, \"steps\": []}",
-         "commercial_details.type: unknown type \"qword\" (expected one of: dword, string, absent)"},
-        {"{\"commercial_details\": {\"type\": \"dword\"}, \"steps\": []}",
-         "commercial_details.value: missing (expected a whole number from 0 to 4294967295)"},
-        {"{\"commercial_details\": {\"type\": \"absent\", \"value\": 0}, \"steps\": []}",
-         "commercial_details.value: not allowed with type \"absent\""},
         {"{\"cloud_answers\": [], \"steps\": []}",
-         "cloud_answers: expected a list of at least one {body, error, delay_ms}"},
-        {"{\"cloud_answers\": {\"body\": \"{}\"}, \"steps\": []}",
          "cloud_answers: expected a list of at least one {body, error, delay_ms}"},
         {"{\"cloud_answers\": [{\"body\": \"{}\"}, {\"delay_ms\": 5001}], \"steps\": []}",
          "cloud_answers[1].delay_ms: expected a whole number from 0 to 5000, found 5001"},
-        {"{\"cloud_answers\": [{\"body\": 5}], \"steps\": []}",
-         "cloud_answers[0].body: expected a text, found a number"},
-        {"{\"cloud_answers\": [{\"bodies\": \"\"}], \"steps\": []}",
-         "cloud_answers[0].bodies: unknown key (expected one of: body, error, delay_ms)"},
         // The plugin object's life.
         {"{\"steps\": [\"stop\"]}", "steps[0].do: \"stop\" with no plugin object (expected \"init\" or \"start\" "
                                     "before it)"},
