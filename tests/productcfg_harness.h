@@ -43,7 +43,9 @@ public:
         CopyFileW(kBeside.c_str(), (workDir + L"\\ProductCfg.exe").c_str(), FALSE);
         SetEnvironmentVariableW(L"PCP_PRODUCTCFG_RECORD", RecordPath().c_str());
         SetEnvironmentVariableW(L"PCP_PRODUCTCFG_READY", readyName.c_str());
-        SetEnvironmentVariableW(L"PCP_PRODUCTCFG_HOLD_MS", L"60000");
+        // Every stand-in is ended at the end of the test; until then it
+        // stays, however slowly a loaded machine runs the test.
+        SetEnvironmentVariableW(L"PCP_PRODUCTCFG_HOLD_MS", L"900000");
     }
     // Ends every stand-in, then removes the work folder; files that others
     // put there must be gone by then.
