@@ -1,9 +1,10 @@
-// From a subscription record to a run of ProductCfg.exe through the real
-// plugin: the seccenter rule, the timer's delay, the launch and the hourly
-// firing, the wait for an earlier ProductCfg.exe, and Stop during that wait.
+// The real plugin with the simulated host: Init, Start and Stop; records,
+// settings and organisation replies, and what they lead to, up to a run of
+// ProductCfg.exe.
 #include <algorithm>
 #include <chrono>
-#include <future>
+#include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -13,22 +14,57 @@
 
 namespace
 {
-constexpr wchar_t kOnboardingKey[] = L"Software\\PcpCfgRun\\Product\\Onboarding";
-constexpr wchar_t kMarker[] = L"product_config_first_run";
+using Strings = std::vector<std::string>;
 
-constexpr char kTimer[] = "CProductConfigurationPlg::_ProductCfgTimer: ";
-constexpr char kWait[] = "CProductConfigurationPlg::_WaitIfProcessIsRunning: ";
-const std::string kWaiting = std::string(kWait) + "Waiting for productcfg.exe process to close...";
-const std::string kRestarting = std::string(kTimer) + "Restarting ProductCfg.exe with parameters: do_config_seccenter";
-const std::wstring kDoConfig = L"\"ProductCfg.exe\" do_config_seccenter";
+const std::string kPlugin = "CProductConfigurationPlg::";
+const std::string kEvent = kPlugin + "OnSubscriptionStatusChanged: ";
+const std::string kTimer = kPlugin + "_ProductCfgTimer: ";
+const std::string kWait = kPlugin + "_WaitIfProcessIsRunning: ";
+const std::string kWaiting = kWait + "Waiting for productcfg.exe process to close...";
 
-// No commercial identifier; an account only when given.
-SubscriptionData Record(int32_t serverType, int32_t localType, const char* account = "")
+// Init's acquisitions: its own five, then the Security Center handler's,
+// CBootstrap's and the apps manager's.
+const Strings kAcquisitions = {"SubscriptionCommClient", "sessionchange",          "productinfo",
+                               "QmServiceStatusClient",  "productagentcommclient", "productinfo",
+                               "productinfo",            "connect_integrator",     "productinfo",
+                               "productagentcommclient"};
+// The own five go back in this order, after the members' in reverse.
+const Strings kOwnReleases = {"QmServiceStatusClient", "SubscriptionCommClient", "sessionchange", "productinfo",
+                              "productagentcommclient"};
+
+// The components' record: the first acquired of kAcquisitions had, the next
+// one refused, and, with released, all given back once.
+Strings ComponentOrder(size_t acquired, bool refused, bool released)
 {
-    return MakeRecord(serverType, localType, 1, account);
+    Strings order;
+    for (size_t i = 0; i < acquired; ++i)
+        order.push_back("+" + kAcquisitions[i]);
+    if (refused)
+        order.push_back("!" + kAcquisitions[acquired]);
+    for (size_t i = acquired; released && i-- > 5;)
+        order.push_back("-" + kAcquisitions[i]);
+    const auto own = kAcquisitions.begin() + static_cast<long>(std::min<size_t>(acquired, 5));
+    for (const std::string& name : kOwnReleases)
+        if (released && std::find(kAcquisitions.begin(), own, name) != own)
+            order.push_back("-" + name);
+    return order;
 }
 
-// Without an onboarding key: a record with equal product types arms nothing.
+// A record, with the fields of the survey.
+SubscriptionData Record(int32_t server, int32_t local, uint32_t status, const char* account,
+                        const char* commercial = "", int32_t key = 0, uint32_t days = 0, bool valid = false,
+                        const std::string& bundle = "")
+{
+    SubscriptionData record = MakeRecord(server, local, status, account);
+    SetFixedText(record.CommercialId, commercial);
+    record.KeyType = key;
+    record.DaysLeft = days;
+    record.Valid = valid;
+    std::memcpy(record.BundleId, bundle.c_str(), std::min(bundle.size() + 1, kSubscriptionTextChars));
+    return record;
+}
+
+// ProductCfg.exe has run before and the seccenter has been shown.
 class ConfigRunTest : public QuietRunTest, protected ProductCfgStandIns
 {
 protected:
@@ -45,37 +81,257 @@ protected:
         host->subscription.Deliver(record);
         ASSERT_TRUE(host->WaitIdle());
     }
-    DWORD Marker() const { return registry.Dword(HKEY_LOCAL_MACHINE, productKey, kMarker); }
-    size_t Firings() const { return host->journal.Count("Run _ProductCfgTimer"); }
-    bool AwaitLine(const std::string& level, const std::string& line) const
-    {
-        return Eventually([&] { return log.Contains(level, line); }, std::chrono::seconds(20));
-    }
     bool Launched() const { return log.Count("INFO", "ExecuteProcessAsUser: Run ") > 0; }
+    IProductCfgInternal* View() const { return static_cast<CProductConfigurationPlg*>(plugin); }
 };
+} // namespace
 
+// Each failure logged once, with its status, what was acquired given back;
+// after success, by UnInit, once. The serial execution stays to the end.
+TEST_F(ConfigRunTest, InitFailsAtEachStepWithItsStatusAndGivesBackWhatItAcquired)
+{
+    const std::string init = "CProductConfigurationPlg::Init: ";
+    struct Row
+    {
+        std::string error; // the one ERROR line, if any
+        std::function<void(sim::Host&)> setUp;
+        Status status;
+        size_t acquired; // of kAcquisitions
+        bool refused;    // the next one is refused
+        bool serialKept;
+        bool nullServMain = false;
+    };
+    std::vector<Row> rows = {
+        {init + "ServMain is null!", [](sim::Host&) {}, 31, 0, false, false, true},
+        {init + "Component manager is null!", [](sim::Host& h) { h.SetComponentManagerNull(true); }, 31, 0, false,
+         false},
+        {init + "Event queue is null!", [](sim::Host& h) { h.SetEventQueueNull(true); }, 31, 0, false, false},
+        {init + "Error creating serial Execution, err: -2147467259",
+         [](sim::Host& h) { h.queue.FailCreateSerialExecution(0x80004005u); }, 0x80004005u, 0, false, false},
+        {init + "Error creating serial Execution, err: 5", [](sim::Host& h) { h.queue.FailCreateSerialExecution(5, true); },
+         5, 0, false, true},
+        {"", [](sim::Host&) {}, 0, kAcquisitions.size(), false, true},
+    };
+    // Each of kAcquisitions refused in turn.
+    const std::pair<Status, std::string> refusals[] = {
+        {5, init + "Get subscription failed: "},        {1168, init + "Get session change failed: "},
+        {1460, init + "Get serv config failed: "},      {2, init + "Get service status client failed, err: "},
+        {87, init + "Get IProductAgent failed, err: "}, {5, "CWscHandler::Init: Get serv config failed, err: "},
+        {1460, "CBootstrap::Init: Serv config, err: "}, {5, "CBootstrap::Init: Cloud init failed, err: "},
+        {6, "CAppsManager::Init: ServConfig, err: "},   {8, "CAppsManager::Init: Product Agent, err: "}};
+    for (size_t i = 0; i < kAcquisitions.size(); ++i)
+    {
+        const std::wstring name(kAcquisitions[i].begin(), kAcquisitions[i].end());
+        const size_t earlier = static_cast<size_t>(
+            std::count(kAcquisitions.begin(), kAcquisitions.begin() + static_cast<long>(i), kAcquisitions[i]));
+        const Status status = refusals[i].first;
+        rows.push_back({refusals[i].second + std::to_string(status),
+                        [=](sim::Host& h) { h.components.Fail(name, status, earlier); }, status, i, true, true});
+    }
+    for (const Row& row : rows)
+    {
+        SCOPED_TRACE(row.error.empty() ? "Init succeeds" : row.error);
+        ASSERT_NO_FATAL_FAILURE(Renew());
+        row.setUp(*host);
+        log.Clear();
+        EXPECT_EQ(plugin->Init(row.nullServMain ? nullptr : host.get()), row.status);
+        Strings errors = row.error.empty() ? Strings{} : Strings{row.error};
+        // Past CBootstrap: no data file; at the end, no delay in the registry.
+        if (row.acquired >= 8)
+            errors.insert(errors.begin(), "CBootstrap::_InitCommercialId: Get bootstrap data failed");
+        if (row.status == 0)
+            errors.push_back(kPlugin + "_GetDelay: get dword value failed, err: 2");
+        EXPECT_EQ(log.Messages("ERROR"), errors);
+        EXPECT_EQ(host->components.Order(), ComponentOrder(row.acquired, row.refused, row.status != 0));
+        plugin->UnInit();
+        plugin->UnInit();
+        EXPECT_EQ(host->components.Order(), ComponentOrder(row.acquired, row.refused, true));
+        EXPECT_EQ(host->queue.LiveSerialExecutions(), row.serialKept ? 1u : 0u);
+        DestroyPlugin();
+        EXPECT_EQ(host->queue.LiveSerialExecutions(), 0u);
+    }
+}
+
+// The observer added before the status is read; loaded, the plugin subscribes
+// and then fetches. Stop removes every sink in order, and may come again.
+TEST_F(ConfigRunTest, StartWaitsForTheHostServiceAndStopRemovesEverySinkInOrder)
+{
+    const auto since = [this](size_t from) {
+        const Strings lines = host->journal.Lines();
+        return Strings(lines.begin() + static_cast<long>(from), lines.end());
+    };
+    host->serviceStatus.SetStatus(0);
+    ASSERT_EQ(plugin->Init(host.get()), 0u);
+    size_t before = host->journal.Lines().size();
+    ASSERT_EQ(plugin->Start(), 0u);
+    EXPECT_EQ(since(before), (Strings{"QmServiceStatusClient.AddObserver", "QmServiceStatusClient.GetStatus 0 -> 0"}));
+    host->serviceStatus.Deliver(0, 1);
+    ASSERT_TRUE(host->WaitIdle());
+    EXPECT_GT(host->journal.Find("SubscriptionCommClient.GetSubscription"),
+              host->journal.Find("SubscriptionCommClient.Subscribe"));
+
+    const Strings removals = {"QmServiceStatusClient.RemoveObserver", "SubscriptionCommClient.Unsubscribe",
+                              "sessionchange.Unsubscribe", "productagentcommclient.Unsubscribe",
+                              "productagentcommclient.QueryInterface -> async", "productagent.ClearResponseSink",
+                              "ReleaseSerialExecution"};
+    before = host->journal.Lines().size();
+    plugin->Stop();
+    EXPECT_EQ(since(before), removals);
+    EXPECT_EQ(SinksOf(*host), Sinks(5, 0));
+    before = host->journal.Lines().size();
+    plugin->Stop();
+    EXPECT_EQ(since(before), Strings(removals.begin(), removals.end() - 1));
+    EXPECT_EQ(host->queue.InvalidHandleCalls(), 0u);
+    plugin->UnInit();
+    plugin->UnInit();
+    EXPECT_EQ(host->components.Outstanding(), 0);
+    EXPECT_EQ(host->ledger.Outstanding(), 0u);
+}
+
+// The survey value, written on the host's thread for an unknown server type
+// and by the refresh, which all but an unknown type without status reach on
+// the serial execution, with a copy (the host reuses its buffer). It stores
+// the record and sets the status: cfgStatus stays for an unknown type, and
+// without stored commercial data every identifier is new.
+TEST_F(ConfigRunTest, EachRecordLeavesItsSurveyValueServerProductTypeAndStatus)
+{
+    struct Row
+    {
+        const char* what;
+        SubscriptionData record;
+        std::wstring survey;
+        int cfg; // the CfgStatus line; -1: the record ends on the host's thread
+        int com; // the ComStatus line
+    };
+    const Row rows[] = {
+        {"unknown type without status", Record(0, 3, 0, ""),
+         LR"({"bundle_id":"","days_left":0,"key_type":0,"server_product_type":0,"valid":false})", -1, 0},
+        {"unknown type with status", Record(0, 3, 7, ""),
+         LR"({"bundle_id":"","days_left":0,"key_type":0,"server_product_type":0,"valid":false})", 0, 0},
+        {"another type, commercial id", Record(4, 3, 1, "", "C1", 2, 30, true, "abc"),
+         LR"({"bundle_id":"abc","days_left":30,"key_type":2,"server_product_type":4,"valid":true})", 1, 1},
+        {"unknown type keeps cfgStatus", Record(0, 3, 1, "", "C1"),
+         LR"({"bundle_id":"","days_left":0,"key_type":0,"server_product_type":0,"valid":false})", 1, 1},
+        {"extremes", Record(-5, 3, 1, "", "", -1, 4294967295u, true, "x"),
+         LR"({"bundle_id":"x","days_left":4294967295,"key_type":-1,"server_product_type":-5,"valid":true})", 1, 0},
+        {"equal types, escapes", Record(3, 3, 1, "", "", 0, 1, false, "a\"b\\c/d"),
+         LR"({"bundle_id":"a\"b\\c\/d","days_left":1,"key_type":0,"server_product_type":3,"valid":false})", 0, 0},
+        {"not utf-8", Record(3, 3, 1, "", "", 0, 1, true, "\xff\xfeok"),
+         L"{\"bundle_id\":\"\xfffd\xfffdok\",\"days_left\":1,\"key_type\":0,\"server_product_type\":3,\"valid\":true}", 0,
+         0},
+        {"no terminator", Record(3, 3, 1, "", "", 0, 1, true, std::string(kSubscriptionTextChars, 'b')),
+         L"{\"bundle_id\":\"" + std::wstring(kSubscriptionTextChars, L'b') +
+             L"\",\"days_left\":1,\"key_type\":0,\"server_product_type\":3,\"valid\":true}",
+         0, 0},
+    };
+    registry.SetDword(HKEY_LOCAL_MACHINE, productKey, L"ProductCfgDelay", 36000); // never fires here
+    EXPECT_FALSE(View()->IsMsp()); // before any reply
+    ASSERT_NO_FATAL_FAILURE(StartPlugin());
+    for (const Row& row : rows)
+    {
+        SCOPED_TRACE(row.what);
+        log.Clear();
+        host->Serial()->Pause();
+        host->subscription.Deliver(row.record);
+        host->Serial()->Resume();
+        ASSERT_TRUE(host->WaitIdle());
+        // Stored: this one, or for the first the load's, equal in what is seen.
+        const bool posted = row.cfg >= 0;
+        const int32_t type = row.record.ServerProductType;
+        EXPECT_EQ(registry.String(HKEY_LOCAL_MACHINE, std::wstring(L"Software\\") + base + L"\\Install",
+                                  L"SurveyDataInfo"),
+                  row.survey);
+        EXPECT_EQ(registry.Dword(HKEY_USERS, subscriptionKey, L"ServerProductType"), static_cast<DWORD>(type));
+        EXPECT_EQ(View()->GetBundleId(),
+                  posted ? std::string(row.record.BundleId, strnlen(row.record.BundleId, kSubscriptionTextChars)) : "");
+        EXPECT_EQ(View()->GetServerProductType(), type);
+        EXPECT_EQ(log.Messages("WARN"), type == 0 ? Strings{kEvent + "Product type unknown"} : Strings{});
+        const Strings serialThread = log.Threads(kPlugin + "_OnSubscriptionChanged: -> ");
+        ASSERT_EQ(serialThread.size(), posted ? 1u : 0u);
+        EXPECT_NE(serialThread, log.Threads(kEvent + "-> "));
+        EXPECT_EQ(log.Count("TRACE", kPlugin + "_WriteSurveyInfo: -> "), (type == 0 ? 1u : 0u) + serialThread.size());
+        EXPECT_EQ(log.Count("INFO", kPlugin + "_RefreshSubscription: "), posted ? 1u : 0u);
+        for (const std::string& line : {"_RefreshSubscription: ServerProductType = " + std::to_string(type) +
+                                            ", ProductType = " + std::to_string(row.record.ProductType),
+                                        "_SetConfigurationStatus: CfgStatus: " + std::to_string(row.cfg),
+                                        "_SetCommercialStatus: ComStatus: " + std::to_string(row.com)})
+            EXPECT_TRUE(!posted || log.Contains("INFO", kPlugin + line)) << line;
+    }
+    log.Clear();
+    host->subscription.DeliverNull();
+    ASSERT_TRUE(host->WaitIdle());
+    EXPECT_EQ(log.Messages("TRACE").size(), 2u) << "the event's own scope and nothing else";
+    EXPECT_EQ(log.Messages("INFO").size() + log.Messages("WARN").size() + log.Messages("ERROR").size(), 0u);
+}
+
+// Settings the plugin cannot use: no GsShowed without a product identifier;
+// key names over 255 characters refused with 87. The delay, read in Init
+// (else 0), is the timer's first.
+TEST_F(ConfigRunTest, SettingsThatCannotBeUsedAreLoggedOrSkippedAndTheDelayArmsTheTimer)
+{
+    const std::wstring tooLong(300, L'x');
+    const std::string serverType = kPlugin + "_WriteServerProductType: Failed to write server product type: 87";
+    const struct
+    {
+        const char* what;
+        uint32_t number;
+        const wchar_t *section, *value; // value null: missing
+        int64_t delay;        // ProductCfgDelay, seconds
+        Strings errors;       // from Init to the end of one record
+        size_t gsLines;       // "No gs showed in registry" of the record
+        uint32_t delayMs;
+    } rows[] = {
+        {"all usable", 44, L"Desktop", id, 30, {}, 1, 30000},
+        {"no product id", 44, L"Desktop", nullptr, 30, {}, 0, 30000},
+        {"product id too long", 44, L"Desktop", tooLong.c_str(), 30, Strings(2, serverType), 0, 30000},
+        {"base name too long", 0, L"BASE", tooLong.c_str(), 30,
+         Strings(2, kPlugin + "_WriteSurveyInfo: set value failed, err: 87"), 1, 30000},
+        {"no product key", 217, L"Desktop", nullptr, 30, {kPlugin + "_GetDelay: String not found"}, 1, 0},
+        {"no delay", 44, L"Desktop", id, kNone, {kPlugin + "_GetDelay: get dword value failed, err: 2"}, 1, 0},
+    };
+    RegDeleteKeyValueW(HKEY_USERS, subscriptionKey.c_str(), L"GsShowed");
+    for (const auto& row : rows)
+    {
+        SCOPED_TRACE(row.what);
+        ASSERT_NO_FATAL_FAILURE(Renew());
+        host->config.SetMissing(sim::ServConfig::Missing::NotFoundText);
+        if (row.value != nullptr)
+            host->config.Set(row.number, row.section, row.value);
+        else
+            host->config.Remove(row.number, row.section);
+        PutValue(HKEY_LOCAL_MACHINE, productKey, L"ProductCfgDelay", row.delay);
+        log.Clear();
+        ASSERT_NO_FATAL_FAILURE(StartPlugin());
+        Deliver(MakeRecord(4, 3, 0));
+        // No folder for the commercial data file: not this table's concern.
+        Strings errors = log.Messages("ERROR");
+        errors.erase(std::remove_if(errors.begin(), errors.end(),
+                                    [](const std::string& line) { return line.rfind("CBootstrap::", 0) == 0; }),
+                     errors.end());
+        EXPECT_EQ(errors, row.errors);
+        EXPECT_EQ(log.Count("INFO", kEvent + "No gs showed in registry"), row.gsLines);
+        EXPECT_TRUE(host->journal.Contains("SetTimer _ProductCfgTimer " + std::to_string(row.delayMs) + " 3600000 -> 0"));
+    }
+}
+
+// The seccenter, without an account only once (the first-run marker), when
+// GsShowed is missing or the onboarding key exists; then the timer is armed.
 TEST_F(ConfigRunTest, SeccenterRuleArmsTheTimerExactlyWhenItAllows)
 {
     struct Row
     {
         const char* what;
-        bool account;
-        bool productKey; // setting 217
-        bool productId;  // setting 44: the subscription key path
-        bool marker;     // present as 0, else absent
+        bool account, productKey, productId; // settings 217, and 44 for the subscription key
+        bool marker;                         // present as 0, else absent
         int64_t gsShowed;
-        bool onboarding;
-        bool allowed;
+        bool onboarding, allowed;
         DWORD markerAfter;
     };
     const Row rows[] = {
         {"no account, no product key", false, false, true, false, kNone, true, false, kNoValue},
         {"no account, marker present", false, true, true, true, kNone, true, false, 0},
         {"no account, first time, no GsShowed", false, true, true, false, kNone, false, true, 1},
-        {"no account, first time, GsShowed 0, onboarding", false, true, true, false, 0, true, true, 1},
         {"no account, first time, GsShowed, no onboarding", false, true, true, false, 1, false, false, 1},
-        {"no account, first time, GsShowed unreadable", false, true, true, false, kText, false, false, 1},
-        {"no account, first time, no subscription key", false, true, false, false, kNone, false, false, 1},
         {"account, no GsShowed", true, true, true, false, kNone, false, true, kNoValue},
         {"account, marker present, no GsShowed", true, true, true, true, kNone, false, true, 0},
         {"account, GsShowed 0, onboarding", true, true, true, false, 0, true, true, kNoValue},
@@ -86,7 +342,7 @@ TEST_F(ConfigRunTest, SeccenterRuleArmsTheTimerExactlyWhenItAllows)
         {"account, no product key, GsShowed", true, false, true, false, 1, true, false, kNoValue},
         {"account, no product key, no GsShowed", true, false, true, false, kNone, true, true, kNoValue},
     };
-    registry.SetDword(HKEY_LOCAL_MACHINE, productKey, L"ProductCfgDelay", 36000); // never fires here
+    const std::wstring onboardingKey = productKey + L"\\Onboarding";
     ASSERT_NO_FATAL_FAILURE(StartPlugin());
     for (const Row& row : rows)
     {
@@ -96,122 +352,95 @@ TEST_F(ConfigRunTest, SeccenterRuleArmsTheTimerExactlyWhenItAllows)
             host->config.Remove(217, L"Desktop");
         if (!row.productId)
             host->config.Remove(44, L"Desktop");
-        PutValue(HKEY_LOCAL_MACHINE, productKey, kMarker, row.marker ? 0 : kNone);
+        PutValue(HKEY_LOCAL_MACHINE, productKey, L"product_config_first_run", row.marker ? 0 : kNone);
         PutValue(HKEY_USERS, subscriptionKey, L"GsShowed", row.gsShowed); // kText: unreadable
-        RegDeleteKeyW(HKEY_LOCAL_MACHINE, kOnboardingKey);
+        RegDeleteKeyW(HKEY_LOCAL_MACHINE, onboardingKey.c_str());
         if (row.onboarding)
-            registry.SetDword(HKEY_LOCAL_MACHINE, kOnboardingKey, L"Step", 1);
+            registry.SetDword(HKEY_LOCAL_MACHINE, onboardingKey, L"Step", 1);
 
         log.Clear();
         const size_t armings = Armings();
-        Deliver(Record(3, 3, row.account ? "account-1" : ""));
+        Deliver(Record(3, 3, 1, row.account ? "account-1" : ""));
         EXPECT_EQ(Armings() - armings, row.allowed ? 1u : 0u);
-        EXPECT_EQ(Marker(), row.markerAfter);
-        const bool markerMissed = !row.account && row.productKey && !row.marker;
-        EXPECT_EQ(log.Contains("INFO", "CProductConfigurationPlg::_IsSeccenterAllowedWhenNoAccount: "
-                                 "get_dword_value failed, err:2"),
-                  markerMissed);
-        EXPECT_TRUE(log.Contains("INFO", "CProductConfigurationPlg::_DoConfig: cfgStatus = 0; comStatus = 0"));
+        EXPECT_EQ(registry.Dword(HKEY_LOCAL_MACHINE, productKey, L"product_config_first_run"), row.markerAfter);
+        EXPECT_EQ(log.Contains("INFO", kPlugin + "_IsSeccenterAllowedWhenNoAccount: get_dword_value failed, err:2"),
+                  !row.account && row.productKey && !row.marker);
+        EXPECT_TRUE(log.Contains("INFO", kPlugin + "_DoConfig: cfgStatus = 0; comStatus = 0"));
     }
-    // Each arming replaced the timer before: one is left, never fired.
-    const auto timers = host->queue.Timers();
-    EXPECT_EQ(std::count_if(timers.begin(), timers.end(), [](const auto& t) { return t.name == "_ProductCfgTimer"; }),
-              1);
-    EXPECT_EQ(Firings(), 0u);
 }
 
-TEST_F(ConfigRunTest, WithoutAnAccountTheSeccenterIsAllowedOnceAndAnAccountLeavesTheMarkerAlone)
+// isMsp: level "1", or "null" with a second text. msp_configured changes
+// only when it differs: mspStatus, the timer, and, on leaving, the VPN item.
+// Without a product key nothing is read or written: every "1" is a change.
+TEST_F(ConfigRunTest, OrganisationReplyActsOnlyWhenTheFlagDiffersFromTheRegistry)
 {
-    RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, productKey.c_str(), kMarker);
-    RegDeleteKeyValueW(HKEY_USERS, subscriptionKey.c_str(), L"GsShowed");
-    host->subscription.SetRecord(Record(3, 3));
-    ASSERT_NO_FATAL_FAILURE(StartPlugin()); // the first record finds no marker and writes it
-    EXPECT_EQ(Marker(), 1u);
-    EXPECT_EQ(Armings(), 1u);
-
-    // The second record finds the marker: not allowed, GsShowed missing or
-    // not, and the armed timer is left alone.
-    Deliver(Record(3, 3));
-    EXPECT_EQ(Armings(), 1u);
-    EXPECT_EQ(host->journal.Count("DeleteTimer _ProductCfgTimer"), 0u);
-    // The allowance of the first record is gone: the firing has nothing to do.
-    log.Clear();
-    host->queue.Advance(0);
-    EXPECT_EQ(Firings(), 1u);
-    EXPECT_TRUE(log.Contains("INFO", std::string(kTimer) + "Config not needed"));
-    EXPECT_FALSE(Launched());
-
-    // With an account the marker is neither read nor written.
-    RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, productKey.c_str(), kMarker);
-    log.Clear();
-    Deliver(Record(3, 3, "account-1"));
-    EXPECT_EQ(Armings(), 2u);
-    EXPECT_EQ(Marker(), kNoValue);
-    EXPECT_EQ(log.Count("INFO", "CProductConfigurationPlg::_IsSeccenterAllowedWhenNoAccount:"), 0u);
-}
-
-TEST_F(ConfigRunTest, DelayComesFromTheRegistryInInitAndCountsFromTheArming)
-{
-    const struct
+    struct Row
     {
         const char* what;
-        int64_t seconds;
-        std::string level;
-        std::string line;
-        uint32_t delayMs;
-    } rows[] = {
-        {"absent", kNone, "ERROR", "CProductConfigurationPlg::_GetDelay: get dword value failed, err: 2", 0},
-        {"30 seconds", 30, "INFO", "CProductConfigurationPlg::_GetDelay: value is: 30seconds", 30000},
+        const wchar_t* level;
+        const wchar_t* text;
+        int64_t before; // msp_configured
+        bool msp, configured;
+        DWORD after;      // kNoValue: no DWORD readable
+        const char* read; // the read's line; null: no product key
     };
-    for (const auto& row : rows)
+    const Row rows[] = {
+        {"in, configured", L"1", L"", 1, true, true, 1, "Key value: 1"},
+        {"out, absent", L"0", L"", kNone, false, false, kNoValue, "get_dword_value failed, err:2"},
+        {"out, 0", L"2", L"", 0, false, false, 0, "Key value: 0"},
+        {"out, unreadable", L"", L"", kText, false, false, kNoValue, "get_dword_value failed, err:1630"},
+        {"in, absent", L"1", L"", kNone, true, false, 1, "get_dword_value failed, err:2"},
+        {"in, 0", L"null", L"Org", 0, true, false, 1, "Key value: 0"},
+        {"in, unreadable", L"1", L"", kText, true, false, 1, "get_dword_value failed, err:1630"},
+        {"out, configured", L"0", L"", 1, false, true, kNoValue, "Key value: 1"},
+        {"null, blank text", L"null", L" ", kNone, true, false, 1, "get_dword_value failed, err:2"},
+        {"null, empty text", L"null", L"", kNone, false, false, kNoValue, "get_dword_value failed, err:2"},
+        {"10", L"10", L"Org", kNone, false, false, kNoValue, "get_dword_value failed, err:2"},
+        {"NULL", L"NULL", L"Org", kNone, false, false, kNoValue, "get_dword_value failed, err:2"},
+        {"in, no product key", L"1", L"", kNone, true, false, kNoValue, nullptr},
+        {"in again, no product key", L"1", L"", kNone, true, false, kNoValue, nullptr},
+    };
+    const std::string reply = kPlugin + "OnGetUserInfoExAsync: ";
+    const std::string read = kPlugin + "_IsProductConfiguredForMsp: ";
+    ASSERT_NO_FATAL_FAILURE(StartPlugin());
+    for (const Row& row : rows)
     {
         SCOPED_TRACE(row.what);
-        ASSERT_NO_FATAL_FAILURE(Renew());
-        PutValue(HKEY_LOCAL_MACHINE, productKey, L"ProductCfgDelay", row.seconds);
+        Configure(*host);
+        if (row.read == nullptr)
+            host->config.Remove(217, L"Desktop");
+        PutValue(HKEY_LOCAL_MACHINE, productKey, L"msp_configured", row.before);
         log.Clear();
-        ASSERT_EQ(plugin->Init(host.get()), 0u);
-        running = true;
-        EXPECT_TRUE(log.Contains(row.level, row.line));
-
-        host->queue.Advance(5000); // the clock runs before the first record arrives
-        host->subscription.SetRecord(Record(4, 3));
-        ASSERT_EQ(plugin->Start(), 0u);
+        const size_t armings = Armings();
+        const size_t asked = host->journal.Count("userinfo.GetOrganizationText");
+        host->productAgent.Async().Reply(row.level, row.text);
         ASSERT_TRUE(host->WaitIdle());
-        EXPECT_TRUE(
-            host->journal.Contains("SetTimer _ProductCfgTimer " + std::to_string(row.delayMs) + " 3600000 -> 0"));
-        const auto timers = host->queue.Timers();
-        ASSERT_EQ(timers.size(), 1u);
-        EXPECT_EQ(timers[0].name, "_ProductCfgTimer");
-        EXPECT_EQ(timers[0].due, 5000u + row.delayMs);
+        const bool change = row.msp != row.configured;
+
+        EXPECT_TRUE(log.Contains("INFO", reply + "Organization level is " + sim::Narrow(row.level)));
+        EXPECT_EQ(host->journal.Count("userinfo.GetOrganizationText") - asked,
+                  std::wstring(row.level) == L"null" ? 1u : 0u);
+        EXPECT_TRUE(log.Contains("INFO", reply + "isMsp: " + (row.msp ? "1" : "0") +
+                                             " _IsProductConfiguredForMsp: " + (row.configured ? "1" : "0")));
+        EXPECT_EQ(View()->IsMsp(), row.msp);
+        EXPECT_EQ(log.Count("INFO", read), row.read != nullptr ? 1u : 0u);
+        EXPECT_TRUE(row.read == nullptr || log.Contains("INFO", read + row.read));
+        EXPECT_EQ(registry.Dword(HKEY_LOCAL_MACHINE, productKey, L"msp_configured"), row.after);
+        if (!change && row.before == kText) // left as it was
+        {
+            EXPECT_EQ(registry.String(HKEY_LOCAL_MACHINE, productKey, L"msp_configured"), L"1");
+        }
+        EXPECT_EQ(log.Count("INFO", kPlugin + "_ChangeMspFlagInRegistry: result: 0"),
+                  change && row.read != nullptr ? 1u : 0u);
+        EXPECT_EQ(log.Contains("INFO", reply + "Not necessary to enable VPN."), change && row.msp);
+        EXPECT_EQ(log.Count("TRACE", "CAppsManager::EnableVpn: -> "), change && !row.msp ? 1u : 0u);
+        EXPECT_EQ(log.Count("TRACE", kPlugin + "_DoConfig: -> "), change ? 1u : 0u);
+        EXPECT_EQ(Armings() - armings, change ? 1u : 0u);
     }
 }
 
-TEST_F(ConfigRunTest, DifferentServerTypeRunsDoConfigAfterTheDelayAndTheHourlyFiringFindsNothingToDo)
-{
-    registry.SetDword(HKEY_LOCAL_MACHINE, productKey, L"ProductCfgDelay", 30);
-    host->subscription.SetRecord(Record(4, 3));
-    ASSERT_NO_FATAL_FAILURE(StartPlugin());
-    host->queue.Advance(29999);
-    EXPECT_EQ(Firings(), 0u);
-    host->queue.Advance(1);
-    ASSERT_EQ(Firings(), 1u);
-    const std::vector<std::wstring> launched = AwaitLaunched();
-    EXPECT_EQ(launched[3], kBeside);
-    EXPECT_EQ(launched[4], kDoConfig);
-    EXPECT_TRUE(log.Contains("INFO", kRestarting));
-    EXPECT_TRUE(log.Contains("INFO", "CProductConfigurationPlg::_ExecuteProcessInSession: bSystem = true"));
-    EXPECT_TRUE(log.Contains("ERROR", std::string(kWait) + "Could not get pid for productcfg.exe"));
-
-    // The launched one still runs; the hourly firing does not look for it.
-    log.Clear();
-    AdvanceInBackground(3600000);
-    ASSERT_TRUE(BackgroundDone()) << "the hourly firing waits for the first run to end";
-    EXPECT_EQ(Firings(), 2u);
-    EXPECT_TRUE(log.Contains("INFO", std::string(kTimer) + "Config not needed"));
-    EXPECT_FALSE(Launched());
-    EXPECT_EQ(Recorded(), 1u);
-}
-
+// An earlier ProductCfg.exe from the host's folder delays the launch, unless
+// the context switches; one from elsewhere does not. Stop ends the wait.
 TEST_F(ConfigRunTest, EarlierProductCfgDelaysTheLaunchOnlyFromTheHostsFolderAndWithoutSwitchContext)
 {
     const struct
@@ -219,14 +448,13 @@ TEST_F(ConfigRunTest, EarlierProductCfgDelaysTheLaunchOnlyFromTheHostsFolderAndW
         const char* what;
         bool beside;        // the earlier one runs from the host's folder, else from another
         bool switchContext; // an empty text, else no value
-        std::string level;
-        std::string line;
-        bool waits;
+        bool stop;          // Stop during the wait
+        std::string line;   // at INFO, or at ERROR for a lookup that fails
     } rows[] = {
-        {"host's folder", true, false, "INFO", kWaiting, true},
-        {"another folder", false, false, "ERROR", std::string(kWait) + "Could not get pid for productcfg.exe", false},
-        {"host's folder, switching context", true, true, "INFO", std::string(kWait) + "Switch context in progress",
-         false},
+        {"host's folder", true, false, false, kWaiting},
+        {"another folder", false, false, false, kWait + "Could not get pid for productcfg.exe"},
+        {"host's folder, switching context", true, true, false, kWait + "Switch context in progress"},
+        {"host's folder, Stop", true, false, true, kTimer + "Receive stop event"},
     };
     ASSERT_NO_FATAL_FAILURE(StartPlugin());
     for (const auto& row : rows)
@@ -235,49 +463,31 @@ TEST_F(ConfigRunTest, EarlierProductCfgDelaysTheLaunchOnlyFromTheHostsFolderAndW
         PutValue(HKEY_USERS, subscriptionKey, L"switch_context", row.switchContext ? kText : kNone, L"");
         const DWORD earlier = Start(row.beside ? kBeside : workDir + L"\\ProductCfg.exe");
         log.Clear();
-        Deliver(Record(4, 3)); // arms the timer, due at once
+        Deliver(Record(4, 3, 1, "")); // arms the timer, due at once
         AdvanceInBackground(0);
-        if (row.waits)
+        const bool waits = row.beside && !row.switchContext;
+        if (waits)
         {
-            ASSERT_TRUE(AwaitLine("INFO", kWaiting));
+            ASSERT_TRUE(Eventually([&] { return log.Contains("INFO", kWaiting); }, std::chrono::seconds(20)));
             EXPECT_FALSE(Launched()) << "while the earlier one runs";
-            End(earlier);
+            if (row.stop)
+                StopPlugin(); // ends the wait at once, not after a minute
+            else
+                End(earlier);
         }
         ASSERT_TRUE(BackgroundDone());
-        const std::vector<std::wstring> launched = AwaitLaunched();
-        EXPECT_EQ(launched[3], kBeside);
-        EXPECT_EQ(launched[4], kDoConfig);
-        EXPECT_EQ(Running(earlier), !row.waits);
-        EXPECT_TRUE(log.Contains(row.level, row.line));
-        EXPECT_EQ(log.Contains("INFO", kWaiting), row.waits);
-        EXPECT_TRUE(log.Contains("INFO", kRestarting));
+        EXPECT_TRUE(log.Contains(row.beside ? "INFO" : "ERROR", row.line));
+        EXPECT_EQ(log.Contains("INFO", kWaiting), waits);
+        EXPECT_EQ(Running(earlier), !waits || row.stop);
+        EXPECT_EQ(Launched(), !row.stop);
+        EXPECT_EQ(log.Contains("INFO", kTimer + "Restarting ProductCfg.exe with parameters: do_config_seccenter"),
+                  !row.stop);
+        if (!row.stop)
+        {
+            const std::vector<std::wstring> launched = AwaitLaunched();
+            EXPECT_EQ(launched[3], kBeside);
+            EXPECT_EQ(launched[4], L"\"ProductCfg.exe\" do_config_seccenter");
+        }
         EndAll();
     }
 }
-
-TEST_F(ConfigRunTest, StopEndsTheWaitForAnEarlierProductCfgAndNothingStarts)
-{
-    const DWORD earlier = Start(kBeside);
-    host->subscription.SetRecord(Record(4, 3));
-    ASSERT_NO_FATAL_FAILURE(StartPlugin());
-    AdvanceInBackground(0);
-    ASSERT_TRUE(AwaitLine("INFO", kWaiting));
-
-    auto stopped = std::async(std::launch::async, [this] { StopPlugin(); });
-    if (stopped.wait_for(std::chrono::seconds(2)) != std::future_status::ready)
-    {
-        ADD_FAILURE() << "Stop waits for the item, which waits up to 60000 ms for the earlier one";
-        End(earlier); // so that Stop returns at last
-    }
-    stopped.wait();
-    ASSERT_TRUE(BackgroundDone());
-
-    EXPECT_TRUE(log.Contains("INFO", std::string(kTimer) + "Receive stop event"));
-    EXPECT_FALSE(log.Contains("INFO", kRestarting));
-    EXPECT_FALSE(Launched());
-    EXPECT_TRUE(Running(earlier));
-    EXPECT_EQ(Recorded(), 1u);
-    DestroyPlugin();
-    ExpectNothingLeft(*host);
-}
-} // namespace
