@@ -276,9 +276,9 @@ TEST_F(ConfigRunTest, SettingsThatCannotBeUsedAreLoggedOrSkippedAndTheDelayArmsT
         const char* what;
         uint32_t number;
         const wchar_t *section, *value; // value null: missing
-        int64_t delay;        // ProductCfgDelay, seconds
-        Strings errors;       // from Init to the end of one record
-        size_t gsLines;       // "No gs showed in registry" of the record
+        int64_t delay;                  // ProductCfgDelay, seconds
+        Strings errors;                 // from Init to the end of one record
+        size_t gsLines;                 // "No gs showed in registry" of the record
         uint32_t delayMs;
     } rows[] = {
         {"all usable", 44, L"Desktop", id, 30, {}, 1, 30000},
