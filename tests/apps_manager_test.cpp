@@ -1,7 +1,8 @@
 // CAppsManager against the simulated product agent and the real registry:
-// application identifiers, the soho and VPN decisions, no_auto_enable_vp,
-// the install shortcut, module objects released once on every path, and the
-// VPN switched on once by two threads at once.
+// application identifiers, the soho and VPN decisions, the scheduled VPN
+// check with its marker no_auto_enable_vp and the install shortcut, module
+// objects released once on every path, and the VPN switched on once by two
+// threads at once.
 #include <windows.h>
 
 #include <knownfolders.h>
@@ -11,11 +12,14 @@
 #include <functional>
 #include <future>
 #include <mutex>
+#include <tuple>
 
 #include "apps/apps_manager.h"
 #include "plugin_fixture.h"
 #include "registry_scratch.h"
 #include "support/unique_resource.h"
+
+using namespace std::chrono_literals;
 
 // Reaches the manager's private operations.
 class AppsManagerProbe
@@ -40,6 +44,7 @@ constexpr wchar_t kAboutKey[] = L"Software\\PcpApps\\About";
 constexpr wchar_t kFallbackKey[] = L"Software\\Quillmarten";
 constexpr wchar_t kMarker[] = L"no_auto_enable_vp";
 constexpr wchar_t kVpn[] = L"com.pcp.vpn";
+using Strings = std::vector<std::string>;
 
 class Internal final : public IProductCfgInternal
 {
@@ -61,281 +66,171 @@ protected:
     {
         registry.Forget(HKEY_LOCAL_MACHINE, kRoot);
         SetText(HKEY_LOCAL_MACHINE, kVpnKey, L"Config", L"AV,VP");
-        ASSERT_NO_FATAL_FAILURE(InitOn(host));
+        ASSERT_NO_FATAL_FAILURE(Renew());
     }
-    void TearDown() override
+    void TearDown() override { GiveBack(); }
+    // The manager on a new host (a fresh module table) with settings 44,
+    // 217, 227, 203 and 0.
+    void Renew()
+    {
+        GiveBack();
+        host = std::make_unique<sim::Host>();
+        host->config.SetMissing(sim::ServConfig::Missing::NotFoundText);
+        host->config.Set(44, L"Desktop", L"com.pcp.product");
+        host->config.Set(217, L"Desktop", kProductKey);
+        host->config.Set(227, L"Desktop", kVpnKey);
+        host->config.Set(203, L"app", kAboutKey);
+        host->config.Set(0, L"BASE", L"PcpApps");
+        ASSERT_EQ(apps.Init(&internal, &host->components), 0u);
+    }
+    // UnInit: every component and module object is back with the host.
+    void GiveBack()
     {
         apps.UnInit();
-        EXPECT_EQ(host.components.Outstanding(), 0);
-        EXPECT_EQ(host.productAgent.ModulesReleased(), host.productAgent.ModulesHandedOut());
-    }
-    // Settings 44, 217, 227, 203 and 0 on target, and the manager on its components.
-    void InitOn(sim::Host& target)
-    {
-        target.config.SetMissing(sim::ServConfig::Missing::NotFoundText);
-        target.config.Set(44, L"Desktop", L"com.pcp.product");
-        target.config.Set(217, L"Desktop", kProductKey);
-        target.config.Set(227, L"Desktop", kVpnKey);
-        target.config.Set(203, L"app", kAboutKey);
-        target.config.Set(0, L"BASE", L"PcpApps");
-        ASSERT_EQ(apps.Init(&internal, &target.components), 0u);
+        if (!host)
+            return;
+        EXPECT_EQ(host->components.Outstanding(), 0);
+        EXPECT_EQ(host->productAgent.ModulesReleased(), host->productAgent.ModulesHandedOut());
     }
     DWORD Marker(const wchar_t* key = kProductKey) const { return registry.Dword(HKEY_LOCAL_MACHINE, key, kMarker); }
-    size_t Switched(const std::string& how) const
-    {
-        return host.journal.Count("productagentcommclient.SetConnectAppState " + how);
-    }
+    size_t Reads(const std::string& prefix) const { return host->journal.LinesStartingWith(prefix).size(); }
 
     LogCapture log;
     RegistryScratch registry;
-    sim::Host host;
+    std::unique_ptr<sim::Host> host;
     Internal internal;
     CAppsManager apps;
     AppsManagerProbe probe{apps};
 };
 
-TEST_F(AppsManagerTest, AppIdReplacesTheLastComponentOfTheProductId)
+TEST_F(AppsManagerTest, AppIdsSohoBundlesAndWhereTheVpnIsAllowed)
 {
-    const struct
+    // Setting 44 (null: missing, answered as text or as null) -> the VPN's identifier.
+    const std::tuple<const wchar_t*, bool, std::wstring> ids[] = {
+        {L"product", false, L"com.quillmarten.vpn"}, {L"", false, L"com.quillmarten.vpn"},
+        {L".product", false, L".vpn"},               {L"com.pcp.", false, L"com.pcp.vpn"},
+        {L"com.pcp.product", false, L"com.pcp.vpn"}, {nullptr, false, L"com.quillmarten.vpn"},
+        {nullptr, true, L"com.quillmarten.vpn"}};
+    for (const auto& [id, nullMissing, expected] : ids)
     {
-        const wchar_t* id; // null: the setting is missing
-        bool nullMissing;
-        std::wstring expected;
-    } rows[] = {
-        {L"product", false, L"com.quillmarten.vpn"},    {L"", false, L"com.quillmarten.vpn"},
-        {L".product", false, L".vpn"},                  {L"com.pcp.", false, L"com.pcp.vpn"},
-        {L"com.pcp.product", false, L"com.pcp.vpn"},    {nullptr, false, L"com.quillmarten.vpn"},
-        {nullptr, true, L"com.quillmarten.vpn"},
-    };
-    for (const auto& row : rows)
-    {
-        SCOPED_TRACE(row.id == nullptr ? "missing" : sim::Narrow(row.id));
-        host.config.SetMissing(row.nullMissing ? sim::ServConfig::Missing::Null
-                                               : sim::ServConfig::Missing::NotFoundText);
-        if (row.id == nullptr)
-            host.config.Remove(44, L"Desktop");
+        SCOPED_TRACE(id == nullptr ? "missing" : sim::Narrow(id));
+        host->config.SetMissing(nullMissing ? sim::ServConfig::Missing::Null : sim::ServConfig::Missing::NotFoundText);
+        if (id == nullptr)
+            host->config.Remove(44, L"Desktop");
         else
-            host.config.Set(44, L"Desktop", row.id);
-        EXPECT_EQ(probe.GetAppId(L".vpn"), row.expected);
+            host->config.Set(44, L"Desktop", id);
+        EXPECT_EQ(probe.GetAppId(L".vpn"), expected);
     }
-}
+    host->config.SetMissing(sim::ServConfig::Missing::NotFoundText);
 
-TEST_F(AppsManagerTest, SohoBundleEndsInLowerCaseDotSoho)
-{
-    const std::pair<const char*, bool> rows[] = {
-        {".soho", true},   {"x.soho", true},  {".soho.soho", true}, {".sohox", false},
-        {"x.SOHO", false}, {"xsoho", false},  {"", false},          {"soh", false},
-    };
-    for (const auto& row : rows)
-        EXPECT_EQ(probe.IsSoho(row.first), row.second) << row.first;
-}
+    const std::pair<const char*, bool> bundles[] = {{".soho", true},   {"x.soho", true}, {".soho.soho", true},
+                                                    {".sohox", false}, {"x.SOHO", false}, {"xsoho", false},
+                                                    {"", false},       {"soh", false}};
+    for (const auto& [bundle, soho] : bundles)
+        EXPECT_EQ(probe.IsSoho(bundle), soho) << bundle;
 
-TEST_F(AppsManagerTest, VpnAllowedByTypeFreeEditionAndTheExactTokenVP)
-{
-    const struct
+    // Server product type, Config (null: none), IsFreeApp, setting 227 given -> allowed.
+    const std::tuple<int32_t, const wchar_t*, int64_t, bool, bool> vpn[] = {
+        {5, L"VP", kNone, true, true},      {5, L"AV,VP,FW", kNone, true, true}, {5, L"AV,vp", kNone, true, false},
+        {5, L"AV, VP", kNone, true, false}, {5, L"VPN", kNone, true, false},     {5, L"", kNone, true, false},
+        {2, L"VP", kNone, true, false},     {9, L"VP", kNone, true, false},      {0, L"VP", 1, true, false},
+        {0, L"VP", kNone, true, true},      {0, L"VP", 0, true, true},           {0, L"VP", 2, true, false},
+        {0, L"VP", kText, true, true},      {5, L"VP", kNone, false, false},     {5, nullptr, kNone, true, false}};
+    for (const auto& row : vpn)
     {
-        const char* what;
-        int32_t type;
-        const wchar_t* config; // null: no value
-        int64_t freeApp;       // IsFreeApp
-        bool setting227;
-        bool allowed;
-    } rows[] = {
-        {"VP alone", 5, L"VP", kNone, true, true},
-        {"VP between", 5, L"AV,VP,FW", kNone, true, true},
-        {"vp", 5, L"AV,vp", kNone, true, false},
-        {"blank VP", 5, L"AV, VP", kNone, true, false},
-        {"VPN", 5, L"VPN", kNone, true, false},
-        {"empty", 5, L"", kNone, true, false},
-        {"type 2", 2, L"VP", kNone, true, false},
-        {"type 9", 9, L"VP", kNone, true, false},
-        {"type 0, free", 0, L"VP", 1, true, false},
-        {"type 0, free value missing", 0, L"VP", kNone, true, true},
-        {"type 0, not free", 0, L"VP", 0, true, true},
-        {"type 0, IsFreeApp 2", 0, L"VP", 2, true, false},
-        {"type 0, IsFreeApp a text", 0, L"VP", kText, true, true},
-        {"setting 227 missing", 5, L"VP", kNone, false, false},
-        {"Config missing", 5, nullptr, kNone, true, false},
-    };
-    for (const auto& row : rows)
-    {
-        SCOPED_TRACE(row.what);
-        PutValue(HKEY_LOCAL_MACHINE, kVpnKey, L"Config", row.config ? kText : kNone, row.config);
-        PutValue(HKEY_LOCAL_MACHINE, kAboutKey, L"IsFreeApp", row.freeApp);
-        if (row.setting227)
-            host.config.Set(227, L"Desktop", kVpnKey);
+        const auto& [type, config, freeApp, setting227, allowed] = row;
+        SCOPED_TRACE(::testing::PrintToString(row));
+        PutValue(HKEY_LOCAL_MACHINE, kVpnKey, L"Config", config ? kText : kNone, config);
+        PutValue(HKEY_LOCAL_MACHINE, kAboutKey, L"IsFreeApp", freeApp);
+        if (setting227)
+            host->config.Set(227, L"Desktop", kVpnKey);
         else
-            host.config.Remove(227, L"Desktop");
-        const size_t configReads = host.journal.Count("productinfo.GetString 227 Desktop -> \"" +
-                                                      sim::Narrow(kVpnKey) + "\"");
-        EXPECT_EQ(probe.IsVpnAllowed(row.type), row.allowed);
+            host->config.Remove(227, L"Desktop");
+        const size_t configReads = Reads("productinfo.GetString 227 ");
+        EXPECT_EQ(probe.IsVpnAllowed(type), allowed);
         // A free edition of unknown type is refused before Config is looked for.
-        if (row.type == 0 && row.freeApp > 0)
-        {
-            EXPECT_EQ(host.journal.Count("productinfo.GetString 227 Desktop -> \"" + sim::Narrow(kVpnKey) + "\""),
-                      configReads);
-        }
+        EXPECT_TRUE(type != 0 || freeApp <= 0 || Reads("productinfo.GetString 227 ") == configReads);
     }
 }
 
-TEST_F(AppsManagerTest, MarkerIsSetUnlessTheProductAgentFails)
-{
-    const struct
-    {
-        const char* what;
-        int64_t state; // -1: module unknown
-        Status setFailure;
-        bool msp;
-        DWORD marker;
-        size_t switchedOn;
-    } rows[] = {
-        {"off, switched on", 1, 0, false, 1, 1},
-        {"on already", 0, 0, false, 1, 0},
-        {"state 2", 2, 0, false, 1, 0},
-        {"module unknown", -1, 0, false, kNoValue, 0},
-        {"switching fails", 1, 5, false, kNoValue, 1},
-        {"managed organisation", 1, 0, true, 1, 0},
-    };
-    for (const auto& row : rows)
-    {
-        SCOPED_TRACE(row.what);
-        RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kProductKey, kMarker);
-        sim::Host agentHost; // a fresh module table
-        ASSERT_NO_FATAL_FAILURE(InitOn(agentHost));
-        if (row.state >= 0)
-            agentHost.productAgent.SetModule(kVpn, static_cast<uint32_t>(row.state));
-        agentHost.productAgent.FailSetConnectAppState(row.setFailure);
-        internal.msp = row.msp;
-        log.Clear();
-        probe.CheckVpn();
-        EXPECT_EQ(Marker(), row.marker);
-        EXPECT_EQ(agentHost.journal.Count("productagentcommclient.SetConnectAppState com.pcp.vpn on -> " +
-                                          std::to_string(row.setFailure)),
-                  row.switchedOn);
-        EXPECT_EQ(log.Count("TRACE", "CAppsManager::_CheckVPN: -> [No value in registry]"), 1u);
-        if (row.state < 0 && !row.msp)
-        {
-            EXPECT_TRUE(log.Contains("ERROR", "CAppsManager::_EnableVpn: GetModuleInfo failed, 1168"));
-        }
-        if (row.setFailure != 0)
-        {
-            EXPECT_TRUE(log.Contains("INFO", "CAppsManager::_EnableVpn: SetConnectAppState true err=5"));
-        }
-        EXPECT_EQ(agentHost.productAgent.ModulesReleased(), agentHost.productAgent.ModulesHandedOut());
-        apps.UnInit();
-        EXPECT_EQ(agentHost.components.Outstanding(), 0);
-    }
-    internal.msp = false;
-    ASSERT_NO_FATAL_FAILURE(InitOn(host));
-
-    // Present with 0: nothing is asked of the product agent.
-    registry.SetDword(HKEY_LOCAL_MACHINE, kProductKey, kMarker, 0);
-    host.productAgent.SetModule(kVpn, 1);
-    probe.CheckVpn();
-    EXPECT_EQ(host.productAgent.ModulesHandedOut(), 0u);
-    EXPECT_EQ(Marker(), 0u);
-
-    // EnableVpn neither reads nor writes it.
-    RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kProductKey, kMarker);
-    const std::string productKeyRead = "productinfo.GetString 217 Desktop -> \"" + sim::Narrow(kProductKey) + "\"";
-    const size_t reads = host.journal.Count(productKeyRead);
-    apps.EnableVpn();
-    EXPECT_EQ(host.productAgent.ModuleState(kVpn), 0);
-    EXPECT_EQ(Marker(), kNoValue);
-    EXPECT_EQ(host.journal.Count(productKeyRead), reads);
-}
-
-TEST_F(AppsManagerTest, MarkerGoesUnderTheFallbackKeyWithoutSetting217)
-{
-    registry.Forget(HKEY_LOCAL_MACHINE, std::wstring(kFallbackKey) + L"\\PcpAppsNone"); // nothing of ours there
-    const DWORD before = Marker(kFallbackKey);
-    RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kFallbackKey, kMarker);
-    host.config.Remove(217, L"Desktop");
-    host.productAgent.SetModule(kVpn, 0);
-    probe.CheckVpn();
-    EXPECT_EQ(Marker(kFallbackKey), 1u);
-    EXPECT_EQ(Marker(), kNoValue);
-    RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kFallbackKey, kMarker);
-    if (before != kNoValue)
-        registry.SetDword(HKEY_LOCAL_MACHINE, kFallbackKey, kMarker, before);
-}
-
-TEST_F(AppsManagerTest, ManagedOrganisationDeletesTheInstallShortcut)
+// The scheduled check decides once per machine: the marker is set unless the
+// product agent failed; a managed organisation gets no VPN, and the install
+// shortcut is deleted instead. A marker of any value ends the check at once.
+TEST_F(AppsManagerTest, TheVpnCheckDecidesOnceByItsMarker)
 {
     PWSTR folder = nullptr;
     ASSERT_GE(SHGetKnownFolderPath(FOLDERID_PublicDesktop, 0, nullptr, &folder), 0);
     const std::wstring shortcut = std::wstring(folder) + L"\\PcpApps VPN.lnk";
     CoTaskMemFree(folder);
-    internal.msp = true;
-
-    for (bool held : {false, true})
-    {
-        SCOPED_TRACE(held ? "held open" : "free");
-        RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kProductKey, kMarker);
-        UniqueFileHandle file(CreateFileW(shortcut.c_str(), GENERIC_WRITE, held ? 0 : FILE_SHARE_DELETE, nullptr,
-                                      CREATE_ALWAYS, 0, nullptr));
-        ASSERT_TRUE(file);
-        if (!held)
-            file.reset();
-        log.Clear();
-        const size_t configReads = host.journal.LinesStartingWith("productinfo.GetString 227 ").size();
-        probe.CheckVpn();
-        EXPECT_EQ(host.journal.LinesStartingWith("productinfo.GetString 227 ").size(), configReads)
-            << "the VPN's feature list is not asked for";
-        EXPECT_EQ(GetFileAttributesW(shortcut.c_str()) == INVALID_FILE_ATTRIBUTES, !held);
-        EXPECT_EQ(log.Contains("ERROR", "CAppsManager::_CheckVPN: Failed to delete vpn install shortcut."), held);
-        EXPECT_EQ(Marker(), 1u);
-        EXPECT_EQ(host.productAgent.ModulesHandedOut(), 0u);
-        file.reset();
-        DeleteFileW(shortcut.c_str());
-    }
-}
-
-TEST_F(AppsManagerTest, CheckAppsSwitchesParentalControlOffOnSohoAndGoesOnAfterAFailure)
-{
+    const DWORD fallbackBefore = Marker(kFallbackKey); // a key of the machine's own
+    enum { NoShortcut, Free, HeldOpen };
     const struct
     {
         const char* what;
-        const char* bundle;
-        bool firstKnown;
-        uint32_t state;
-        size_t switchedOff;
-        size_t stateReads;
+        int64_t state; // the VPN module's; -1: no module
+        Status setFailure;
+        bool msp;
+        int shortcut;
+        int64_t markerBefore; // kNone, or its value
+        bool setting217;      // without it the marker is kept under the fallback key
+        DWORD marker;         // afterwards
+        size_t switchedOn;
+        std::string line; // "LEVEL function: text" expected, or ""
     } rows[] = {
-        {"not soho", "qm-total", true, 0, 0, 1},     // only the VPN's state is read
-        {"soho, on", "qm.soho", true, 0, 2, 3},
-        {"soho, state 2", "qm.soho", true, 2, 2, 3},
-        {"soho, off", "qm.soho", true, 1, 0, 3},
-        {"soho, first unknown", "qm.soho", false, 0, 1, 2},
+        {"off", 1, 0, false, NoShortcut, kNone, true, 1, 1, "INFO CAppsManager::_EnableVpn: SetConnectAppState true err=0"},
+        {"on already", 0, 0, false, NoShortcut, kNone, true, 1, 0, ""},
+        {"state 2", 2, 0, false, NoShortcut, kNone, true, 1, 0, ""},
+        {"module unknown", -1, 0, false, NoShortcut, kNone, true, kNoValue, 0,
+         "ERROR CAppsManager::_EnableVpn: GetModuleInfo failed, 1168"},
+        {"switching fails", 1, 5, false, NoShortcut, kNone, true, kNoValue, 1,
+         "INFO CAppsManager::_EnableVpn: SetConnectAppState true err=5"},
+        {"managed", 1, 0, true, Free, kNone, true, 1, 0, ""},
+        {"managed, shortcut held open", 1, 0, true, HeldOpen, kNone, true, 1, 0,
+         "ERROR CAppsManager::_CheckVPN: Failed to delete vpn install shortcut."},
+        {"marker 0", 1, 0, false, NoShortcut, 0, true, 0, 0, ""},
+        {"no setting 217", 0, 0, false, NoShortcut, kNone, false, 1, 0, ""},
     };
     for (const auto& row : rows)
     {
         SCOPED_TRACE(row.what);
-        sim::Host agentHost;
-        ASSERT_NO_FATAL_FAILURE(InitOn(agentHost));
-        RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kProductKey, kMarker);
-        if (row.firstKnown)
-            agentHost.productAgent.SetModule(L"com.pcp.familymentor", row.state);
-        agentHost.productAgent.SetModule(L"com.pcp.kinguard", row.state);
-        agentHost.productAgent.SetModule(kVpn, 0);
-        internal.bundle = row.bundle;
+        ASSERT_NO_FATAL_FAILURE(Renew());
+        PutValue(HKEY_LOCAL_MACHINE, kProductKey, kMarker, row.markerBefore);
+        RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kFallbackKey, kMarker);
+        if (row.state >= 0)
+            host->productAgent.SetModule(kVpn, static_cast<uint32_t>(row.state));
+        if (!row.setting217)
+            host->config.Remove(217, L"Desktop");
+        host->productAgent.FailSetConnectAppState(row.setFailure);
+        internal.msp = row.msp;
+        UniqueFileHandle file(row.shortcut == NoShortcut
+                                  ? INVALID_HANDLE_VALUE
+                                  : CreateFileW(shortcut.c_str(), GENERIC_WRITE, row.shortcut == Free ? FILE_SHARE_DELETE : 0,
+                                                nullptr, CREATE_ALWAYS, 0, nullptr));
+        ASSERT_EQ(static_cast<bool>(file), row.shortcut != NoShortcut);
+        if (row.shortcut == Free)
+            file.reset();
         log.Clear();
-        apps.CheckApps();
-        EXPECT_EQ(agentHost.journal.LinesStartingWith("productagentcommclient.SetConnectAppState com.pcp.kinguard off")
-                          .size() +
-                      agentHost.journal
-                          .LinesStartingWith("productagentcommclient.SetConnectAppState com.pcp.familymentor off")
-                          .size(),
-                  row.switchedOff);
-        EXPECT_EQ(agentHost.journal.LinesStartingWith("module.GetConnectAppState").size(), row.stateReads);
-        EXPECT_EQ(log.Contains("ERROR", "CAppsManager::_CheckParentalControl: get module info failed, 1168"),
-                  !row.firstKnown);
-        EXPECT_TRUE(log.Contains("INFO", "CAppsManager::_CheckParentalControl: Appid: com.pcp.kinguard"));
-        EXPECT_EQ(Marker(), 1u) << "the VPN step ran";
-        EXPECT_EQ(agentHost.productAgent.ModulesReleased(), agentHost.productAgent.ModulesHandedOut());
-        apps.UnInit();
+        probe.CheckVpn();
+        EXPECT_EQ(Marker(row.setting217 ? kProductKey : kFallbackKey), row.marker);
+        EXPECT_EQ(Marker(kFallbackKey) == kNoValue, row.setting217);
+        EXPECT_EQ(host->journal.Count("productagentcommclient.SetConnectAppState com.pcp.vpn on -> " +
+                                      std::to_string(row.setFailure)),
+                  row.switchedOn);
+        const bool decides = row.markerBefore == kNone, asksAgent = decides && !row.msp;
+        EXPECT_EQ(log.Count("TRACE", "CAppsManager::_CheckVPN: -> [No value in registry]"), decides ? 1u : 0u);
+        EXPECT_EQ(Reads("productinfo.GetString 227 "), asksAgent ? 1u : 0u) << "the VPN's feature list";
+        EXPECT_EQ(host->productAgent.ModulesHandedOut(), asksAgent && row.state >= 0 ? 1u : 0u);
+        const size_t space = row.line.find(' ');
+        const std::string level = row.line.substr(0, space), text = row.line.substr(space + 1);
+        EXPECT_EQ(log.Messages("ERROR"), level == "ERROR" ? Strings{text} : Strings{});
+        EXPECT_TRUE(row.line.empty() || log.Contains(level, text));
+        EXPECT_EQ(GetFileAttributesW(shortcut.c_str()) != INVALID_FILE_ATTRIBUTES, row.shortcut == HeldOpen);
+        file.reset();
+        DeleteFileW(shortcut.c_str());
     }
-    ASSERT_NO_FATAL_FAILURE(InitOn(host));
+    RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kFallbackKey, kMarker);
+    if (fallbackBefore != kNoValue)
+        registry.SetDword(HKEY_LOCAL_MACHINE, kFallbackKey, kMarker, fallbackBefore);
 }
 
 // The thread that asks for the VPN module first is held inside
@@ -345,71 +240,55 @@ TEST_F(AppsManagerTest, CheckAppsSwitchesParentalControlOffOnSohoAndGoesOnAfterA
 // execution.
 TEST_F(AppsManagerTest, CheckOnTheTimerAndEnableVpnAtOnceSwitchOnce)
 {
-    struct Gate
-    {
-        std::mutex mutex;
-        std::condition_variable changed;
-        size_t arrivals = 0;
-        bool open = false;
-    } gate;
-    host.productAgent.SetModuleInfoGate([&gate](const std::wstring&) {
-        std::unique_lock<std::mutex> lock(gate.mutex);
-        if (++gate.arrivals == 1)
-        {
-            gate.changed.notify_all();
-            gate.changed.wait_for(lock, std::chrono::seconds(10), [&] { return gate.open; });
-        }
-        else
-        {
-            gate.changed.notify_all();
-        }
+    std::mutex mutex;
+    std::condition_variable changed;
+    size_t arrivals = 0;
+    bool open = false;
+    host->productAgent.SetModuleInfoGate([&](const std::wstring&) {
+        std::unique_lock<std::mutex> lock(mutex);
+        changed.notify_all();
+        if (++arrivals == 1)
+            changed.wait_for(lock, 10s, [&] { return open; });
     });
-    const auto openGate = [&gate] {
-        std::lock_guard<std::mutex> lock(gate.mutex);
-        gate.open = true;
-        gate.changed.notify_all();
+    const auto await = [&](std::chrono::milliseconds bound, const std::function<bool()>& done) {
+        std::unique_lock<std::mutex> lock(mutex);
+        return changed.wait_for(lock, bound, done);
     };
-    const std::string vpnAllowedRead = "productinfo.GetString 227 Desktop -> \"" + sim::Narrow(kVpnKey) + "\"";
-    const std::function<void()> check = [&] { probe.CheckVpn(); };
-    const std::function<void()> enable = [&] { apps.EnableVpn(); };
-
+    const std::string allowedRead = "productinfo.GetString 227 Desktop -> \"" + sim::Narrow(kVpnKey) + "\"";
+    const std::string switched = "productagentcommclient.SetConnectAppState com.pcp.vpn on -> 0";
+    const std::function<void()> check = [&] { probe.CheckVpn(); }, enable = [&] { apps.EnableVpn(); };
     for (bool timerFirst : {true, false})
     {
         SCOPED_TRACE(timerFirst ? "timer first" : "serial execution first");
         RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kProductKey, kMarker);
-        host.productAgent.SetModule(kVpn, 1);
+        host->productAgent.SetModule(kVpn, 1);
         {
-            std::lock_guard<std::mutex> lock(gate.mutex);
-            gate.arrivals = 0;
-            gate.open = false;
+            std::lock_guard<std::mutex> lock(mutex);
+            arrivals = 0;
+            open = false;
         }
-        const size_t before = Switched("com.pcp.vpn on -> 0");
+        const size_t before = host->journal.Count(switched);
         auto first = std::async(std::launch::async, timerFirst ? check : enable);
-        bool held = false;
-        {
-            std::unique_lock<std::mutex> lock(gate.mutex);
-            held = gate.changed.wait_for(lock, std::chrono::seconds(10), [&] { return gate.arrivals == 1; });
-        }
-        const size_t reads = host.journal.Count(vpnAllowedRead);
+        const bool held = await(10s, [&] { return arrivals == 1; });
+        const size_t reads = host->journal.Count(allowedRead);
         auto second = std::async(std::launch::async, timerFirst ? enable : check);
         // The second has found the VPN allowed and goes for the module.
-        const bool secondOnItsWay = held && host.journal.WaitFor(vpnAllowedRead, reads + 1, std::chrono::seconds(10));
-        bool overtaken = false;
-        if (secondOnItsWay)
+        const bool onItsWay = held && host->journal.WaitFor(allowedRead, reads + 1, 10s);
+        const bool overtaken = onItsWay && await(500ms, [&] { return arrivals > 1; });
         {
-            std::unique_lock<std::mutex> lock(gate.mutex);
-            overtaken = gate.changed.wait_for(lock, std::chrono::milliseconds(500), [&] { return gate.arrivals > 1; });
+            std::lock_guard<std::mutex> lock(mutex);
+            open = true;
+            changed.notify_all();
         }
-        openGate();
-        ASSERT_EQ(first.wait_for(std::chrono::seconds(10)), std::future_status::ready);
-        ASSERT_EQ(second.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+        ASSERT_EQ(first.wait_for(10s), std::future_status::ready);
+        ASSERT_EQ(second.wait_for(10s), std::future_status::ready);
         ASSERT_TRUE(held) << "nobody asked for the VPN module";
-        ASSERT_TRUE(secondOnItsWay) << "the second thread never decided on the VPN";
+        ASSERT_TRUE(onItsWay) << "the second thread never decided on the VPN";
         EXPECT_FALSE(overtaken) << "the second thread reached the product agent while the first was switching";
-        EXPECT_EQ(Switched("com.pcp.vpn on -> 0") - before, 1u);
-        EXPECT_EQ(host.productAgent.ModuleState(kVpn), 0);
+        EXPECT_EQ(host->journal.Count(switched) - before, 1u);
+        EXPECT_EQ(host->productAgent.ModuleState(kVpn), 0);
     }
-    host.productAgent.SetModuleInfoGate(nullptr);
+    host->productAgent.SetModuleInfoGate(nullptr);
 }
 
 // Init's failure through the real DLL: the last "productinfo" and the
@@ -419,29 +298,22 @@ TEST_F(PluginTest, AppsManagerInitFailureGivesEverythingBack)
     ASSERT_EQ(plugin->Init(host.get()), 0u);
     const size_t infos = host->components.Acquired(L"productinfo");
     plugin->UnInit();
-    const struct
-    {
-        const wchar_t* name;
-        size_t nth;
-        Status status;
-        std::string line;
-    } rows[] = {
+    const std::tuple<const wchar_t*, size_t, Status, const char*> rows[] = {
         {L"productinfo", infos, 5, "CAppsManager::Init: ServConfig, err: 5"},
-        {L"productagentcommclient", 2, 6, "CAppsManager::Init: Product Agent, err: 6"},
-    };
-    for (const auto& row : rows)
+        {L"productagentcommclient", 2, 6, "CAppsManager::Init: Product Agent, err: 6"}};
+    for (const auto& [name, nth, status, line] : rows)
     {
-        SCOPED_TRACE(sim::Narrow(row.name));
+        SCOPED_TRACE(line);
         DestroyPlugin();
         host = std::make_unique<sim::Host>();
         plugin = module.Create();
         ASSERT_NE(plugin, nullptr);
-        host->components.FailFrom(row.name, row.nth, row.status);
+        host->components.FailFrom(name, nth, status);
         log.Clear();
-        EXPECT_EQ(plugin->Init(host.get()), row.status);
-        EXPECT_TRUE(log.Contains("ERROR", row.line));
+        EXPECT_EQ(plugin->Init(host.get()), status);
+        EXPECT_TRUE(log.Contains("ERROR", line));
         EXPECT_EQ(host->components.Outstanding(), 0);
-        EXPECT_EQ(host->components.Requested(row.name), row.nth);
+        EXPECT_EQ(host->components.Requested(name), nth);
     }
 }
 } // namespace
