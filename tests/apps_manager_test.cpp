@@ -315,5 +315,12 @@ TEST_F(PluginTest, AppsManagerInitFailureGivesEverythingBack)
         EXPECT_EQ(host->components.Outstanding(), 0);
         EXPECT_EQ(host->components.Requested(name), nth);
     }
+    // Alone, the manager gives back "productinfo" when the agent fails.
+    host = std::make_unique<sim::Host>();
+    host->components.FailFrom(L"productagentcommclient", 1, 6);
+    Internal internal;
+    CAppsManager apps;
+    EXPECT_EQ(apps.Init(&internal, &host->components), 6u);
+    EXPECT_EQ(host->components.Outstanding(), 0);
 }
 } // namespace
