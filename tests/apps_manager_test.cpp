@@ -50,11 +50,10 @@ class Internal final : public IProductCfgInternal
 {
 public:
     QM_IMPLEMENTS_DESTRUCTOR_SLOT(Internal)
-    std::string GetBundleId() override { return bundle; }
+    std::string GetBundleId() override { return {}; }
     int32_t GetServerProductType() override { return type; }
     bool IsMsp() override { return msp; }
 
-    std::string bundle;
     std::atomic<int32_t> type{5};
     std::atomic<bool> msp{false};
 };

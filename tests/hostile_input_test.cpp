@@ -94,7 +94,7 @@ std::string Mutate(std::mt19937_64& rng, const std::string& document)
     }
 }
 
-// The parse that the design prescribes, as an oracle: the value, or
+// The parse the plugin must make, as an oracle: the value, or
 // nothing and why for text that is not JSON.
 bool ParseAsJson(const std::string& text, picojson::value& value, std::string* error = nullptr)
 {
