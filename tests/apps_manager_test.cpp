@@ -8,10 +8,9 @@
 #include <knownfolders.h>
 #include <shlobj.h>
 
-#include <condition_variable>
+#include <atomic>
 #include <functional>
 #include <future>
-#include <mutex>
 #include <tuple>
 
 #include "apps/apps_manager.h"
@@ -239,20 +238,6 @@ TEST_F(AppsManagerTest, TheVpnCheckDecidesOnceByItsMarker)
 // execution.
 TEST_F(AppsManagerTest, CheckOnTheTimerAndEnableVpnAtOnceSwitchOnce)
 {
-    std::mutex mutex;
-    std::condition_variable changed;
-    size_t arrivals = 0;
-    bool open = false;
-    host->productAgent.SetModuleInfoGate([&](const std::wstring&) {
-        std::unique_lock<std::mutex> lock(mutex);
-        changed.notify_all();
-        if (++arrivals == 1)
-            changed.wait_for(lock, 10s, [&] { return open; });
-    });
-    const auto await = [&](std::chrono::milliseconds bound, const std::function<bool()>& done) {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, bound, done);
-    };
     const std::string allowedRead = "productinfo.GetString 227 Desktop -> \"" + sim::Narrow(kVpnKey) + "\"";
     const std::string switched = "productagentcommclient.SetConnectAppState com.pcp.vpn on -> 0";
     const std::function<void()> check = [&] { probe.CheckVpn(); }, enable = [&] { apps.EnableVpn(); };
@@ -261,33 +246,31 @@ TEST_F(AppsManagerTest, CheckOnTheTimerAndEnableVpnAtOnceSwitchOnce)
         SCOPED_TRACE(timerFirst ? "timer first" : "serial execution first");
         RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kProductKey, kMarker);
         host->productAgent.SetModule(kVpn, 1);
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            arrivals = 0;
-            open = false;
-        }
+        std::promise<void> open;
+        const std::shared_future<void> opened = open.get_future().share();
+        std::atomic<size_t> arrivals{0};
+        host->productAgent.SetModuleInfoGate([&arrivals, opened](const std::wstring&) {
+            if (++arrivals == 1)
+                opened.wait_for(10s);
+        });
         const size_t before = host->journal.Count(switched);
         auto first = std::async(std::launch::async, timerFirst ? check : enable);
-        const bool held = await(10s, [&] { return arrivals == 1; });
+        const bool held = Eventually([&] { return arrivals == 1; });
         const size_t reads = host->journal.Count(allowedRead);
         auto second = std::async(std::launch::async, timerFirst ? enable : check);
         // The second has found the VPN allowed and goes for the module.
         const bool onItsWay = held && host->journal.WaitFor(allowedRead, reads + 1, 10s);
-        const bool overtaken = onItsWay && await(500ms, [&] { return arrivals > 1; });
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            open = true;
-            changed.notify_all();
-        }
+        const bool overtaken = onItsWay && Eventually([&] { return arrivals > 1; }, 500ms);
+        open.set_value();
         ASSERT_EQ(first.wait_for(10s), std::future_status::ready);
         ASSERT_EQ(second.wait_for(10s), std::future_status::ready);
+        host->productAgent.SetModuleInfoGate(nullptr);
         ASSERT_TRUE(held) << "nobody asked for the VPN module";
         ASSERT_TRUE(onItsWay) << "the second thread never decided on the VPN";
         EXPECT_FALSE(overtaken) << "the second thread reached the product agent while the first was switching";
         EXPECT_EQ(host->journal.Count(switched) - before, 1u);
         EXPECT_EQ(host->productAgent.ModuleState(kVpn), 0);
     }
-    host->productAgent.SetModuleInfoGate(nullptr);
 }
 
 // Init's failure through the real DLL: the last "productinfo" and the
