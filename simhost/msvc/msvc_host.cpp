@@ -200,7 +200,8 @@ bool Write(CountedStringPointer& string, const char* text)
     uint64_t length = 0;
     while (text[length] != '\0')
         ++length;
-    void* block = descriptor ? descriptor->manager->Realloc(BlockOf(string), length + qm::kCountedStringOverhead) : 0;
+    void* block =
+        descriptor ? descriptor->manager->Realloc(BlockOf(string), length + qm::kCountedStringOverhead) : nullptr;
     if (Reach("IMemMgr.Realloc", block != nullptr) != 0)
         return false;
     string.text = static_cast<char*>(block) + sizeof(qm::CountedStringHeader);
