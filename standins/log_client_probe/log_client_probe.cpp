@@ -1,50 +1,22 @@
 // A module holding its own copy of the logging client, as the plugin does.
 // Tests copy it into a folder of their own, with or without a log.dll beside
-// it, load it, and drive that copy's client through these exports.
+// it, load it and call ProbeTrace.
 #include <windows.h>
-
-#include <cstdint>
-#include <new>
 
 #include "support/log_client.h"
 #include "support/logger_stream.h"
 #include "support/trace_scope.h"
 
-extern "C" {
-
-// A new acquired reference, or null without memory.
-CLogDLLRef* ProbeAcquire()
+// Under a reference of its own, a trace scope "ProbeTrace" around a message
+// line with text; library receives the path of the library the reference
+// keeps loaded, or an empty text.
+extern "C" void ProbeTrace(const wchar_t* text, wchar_t (*library)[MAX_PATH])
 {
-    auto* ref = new (std::nothrow) CLogDLLRef();
-    if (ref != nullptr)
-        ref->Acquire();
-    return ref;
-}
-
-void ProbeRelease(CLogDLLRef* ref)
-{
-    delete ref;
-}
-
-// The library the reference keeps loaded, or null.
-HMODULE ProbeLibrary(const CLogDLLRef* ref)
-{
-    const logging::CLogDLL* record = ref->get();
-    return record != nullptr ? record->module.get() : nullptr;
-}
-
-// What LogWrite gives for a message line with text.
-HRESULT ProbeWrite(const CLogDLLRef* ref, const wchar_t* text)
-{
-    const uint32_t level = logging::LevelInfo;
-    return ref->get()->Write(logging::kDepthSame, &level, L"ProbeWrite", L"%s", text);
-}
-
-// A trace scope "ProbeTrace" around a message line with text.
-void ProbeTrace(const wchar_t* text)
-{
+    (*library)[0] = L'\0';
+    CLogDLLRef ref;
+    ref.Acquire();
+    if (ref.get() != nullptr && ref.get()->module)
+        GetModuleFileNameW(ref.get()->module.get(), *library, MAX_PATH);
     TraceScope trace(L"ProbeTrace");
     logger_stream(logging::LevelInfo, L"ProbeTrace") << text;
 }
-
-} // extern "C"
