@@ -1,17 +1,15 @@
 // An exception never leaves the plugin: an allocation of the DLL fails while
 // an entry of the host's runs, at each kind of entry, and the entry ends in
-// its guard with one
-// level-4 line under its name and its failure value; afterwards the next
-// event is handled as usual and Stop and UnInit come down cleanly. A read
-// error on the data file is a file that does not open.
+// its guard with one level-4 line under its name and its failure value;
+// afterwards the next event is handled as usual and Stop and UnInit come down
+// cleanly. Failures that throw nothing: a read error on the data file is a
+// file that does not open, a wait thread that cannot start a failed wait.
 #include "fault_injector.h"
 #include "plugin_fixture.h"
 #include "support/unique_resource.h"
 
 namespace
 {
-constexpr wchar_t kInstallerEvent[] = L"Global\\Install_Done-9E9487AA-4E57-4A22-B92A-F353BB7727A6";
-
 class BoundaryTest : public QuietRunTest
 {
 protected:
@@ -85,53 +83,30 @@ TEST_F(BoundaryTest, AThrowAtEachKindOfEntryEndsInItsGuardAndTheNextEventWorks)
     StartPlugin();
 
     // The sinks, a work item on the timer, each then used again.
-    struct Row
-    {
-        std::string entry;
-        std::function<void()> trigger;
-    };
     WTSSESSION_NOTIFICATION logon{sizeof(WTSSESSION_NOTIFICATION), 1};
-    const Row rows[] = {
+    const std::pair<std::string, std::function<void()>> rows[] = {
         {"CProductConfigurationPlg::OnSubscriptionStatusChanged",
          [&] { host->subscription.Deliver(MakeRecord(5, 3, 1, "acc")); }},
         {"CProductConfigurationPlg::OnSessionChange", [&] { host->sessionChange.Deliver(1, 5, &logon); }},
         {"CProductConfigurationPlg::OnGetUserInfoExAsync", [&] { host->productAgent.Async().Reply(L"1", L""); }},
         {"CProductConfigurationPlg::_ProductCfgTimer", [&] { host->queue.Advance(3600000); }},
     };
-    for (const Row& row : rows)
+    for (const auto& [entry, trigger] : rows)
     {
-        SCOPED_TRACE(row.entry);
+        SCOPED_TRACE(entry);
         log.Clear();
-        EXPECT_TRUE(ThrowInto(row.entry, row.trigger)) << ::testing::PrintToString(log.Messages("ERROR"));
+        EXPECT_TRUE(ThrowInto(entry, trigger)) << ::testing::PrintToString(log.Messages("ERROR"));
         log.Clear();
-        row.trigger();
+        trigger();
         ASSERT_TRUE(host->WaitIdle());
-        EXPECT_EQ(log.Count("ERROR", Caught(row.entry)), 0u);
-        EXPECT_EQ(log.Count("TRACE", row.entry + ": <- "), 1u) << "the next event works";
+        EXPECT_EQ(log.Count("ERROR", Caught(entry)), 0u);
+        EXPECT_EQ(log.Count("TRACE", entry + ": <- "), 1u) << "the next event works";
     }
     StopPlugin();
     ExpectNothingLeft(*host);
 }
 
-TEST_F(BoundaryTest, AWaitThreadThatCannotStartIsAFailedWait)
-{
-    // No thread can be made while the installer is at work: the decision is
-    // made at once, as after a failed wait, and the next record decides too.
-    host->subscription.SetRecord(MakeRecord(5, 3, 1));
-    UniqueHandle installer(CreateEventW(nullptr, TRUE, FALSE, kInstallerEvent));
-    fault::Arm("_beginthreadex", 1, fault::Mode::Transient);
-    StartPlugin();
-    fault::Disarm();
-    EXPECT_EQ(log.Count("ERROR", "CProductConfigurationPlg::_TryDoConfig: Cannot start the wait thread: "), 1u);
-    EXPECT_EQ(Armings(), 1u);
-    host->subscription.Deliver(MakeRecord(5, 3, 1));
-    ASSERT_TRUE(host->WaitIdle());
-    EXPECT_EQ(Armings(), 2u);
-    StopPlugin();
-    ExpectNothingLeft(*host);
-}
-
-TEST_F(BoundaryTest, AReadErrorOnTheDataFileIsAFileThatDoesNotOpen)
+TEST_F(BoundaryTest, AReadErrorIsAMissingFileAndAWaitThreadThatCannotStartAFailedWait)
 {
     folder.Write(R"({"app_data":{"commercial_details_id":"C1"}})");
     fault::Arm("_read", 1, fault::Mode::Transient);
@@ -142,4 +117,21 @@ TEST_F(BoundaryTest, AReadErrorOnTheDataFileIsAFileThatDoesNotOpen)
     ASSERT_GE(errors.size(), 2u);
     EXPECT_EQ(errors[0], "CBootstrap::_GetBootstrapData: Failed to open");
     EXPECT_EQ(errors[1], "CBootstrap::_InitCommercialId: Get bootstrap data failed");
+
+    // No thread can be made while the installer is at work: the decision is
+    // made at once, as after a failed wait, and the next record decides too.
+    host->subscription.SetRecord(MakeRecord(5, 3, 1));
+    const UniqueHandle installer(
+        CreateEventW(nullptr, TRUE, FALSE, L"Global\\Install_Done-9E9487AA-4E57-4A22-B92A-F353BB7727A6"));
+    fault::Arm("_beginthreadex", 1, fault::Mode::Transient);
+    ASSERT_EQ(plugin->Start(), 0u);
+    ASSERT_TRUE(host->WaitIdle());
+    fault::Disarm();
+    EXPECT_EQ(log.Count("ERROR", "CProductConfigurationPlg::_TryDoConfig: Cannot start the wait thread: "), 1u);
+    EXPECT_EQ(Armings(), 1u);
+    host->subscription.Deliver(MakeRecord(5, 3, 1));
+    ASSERT_TRUE(host->WaitIdle());
+    EXPECT_EQ(Armings(), 2u);
+    StopPlugin();
+    ExpectNothingLeft(*host);
 }
