@@ -18,6 +18,7 @@ namespace
 {
 using qm::CountedString;
 using qm::CountedStringDescriptor;
+using Calls = std::array<int, 4>; // Alloc, Realloc, Free, Release
 
 char* FencedAlloc(std::size_t size)
 {
@@ -39,7 +40,7 @@ void FencedFree(void* block)
 struct HostMgr
 {
     const void* const* table;
-    std::array<int, 4> calls{}; // Alloc, Realloc, Free, Release
+    Calls calls{};
     bool fail = false;
 };
 void* HostAlloc(HostMgr* m, std::uint64_t size) { ++m->calls[0]; return m->fail ? nullptr : FencedAlloc(size); }
@@ -48,12 +49,6 @@ void HostFree(HostMgr* m, void* block) { ++m->calls[2]; FencedFree(block); }
 void HostRelease(HostMgr* m) { ++m->calls[3]; }
 const void* const kHostTable[] = {reinterpret_cast<const void*>(&HostAlloc), reinterpret_cast<const void*>(&HostRealloc),
     reinterpret_cast<const void*>(&HostFree), reinterpret_cast<const void*>(&HostRelease)};
-
-// What the host does to the one pointer a record holds.
-void WritePointer(CountedString& s, char* text)
-{
-    std::memcpy(static_cast<void*>(&s), &text, sizeof text);
-}
 
 // ownsBlock 0: the block is foreign to the descriptor's manager.
 void AdoptHostString(CountedString& s, HostMgr& m, const char* text, std::size_t capacity, std::uint8_t ownsBlock = 1)
@@ -67,7 +62,8 @@ void AdoptHostString(CountedString& s, HostMgr& m, const char* text, std::size_t
     std::memcpy(block + 12, &guard, 4);
     std::strcpy(block + 16, text);
     std::memcpy(block + 17 + capacity, &guard, 4);
-    WritePointer(s, block + 16);
+    block += 16;
+    std::memcpy(static_cast<void*>(&s), &block, sizeof block); // the record's one pointer, as the host sets it
 }
 
 const CountedStringDescriptor& Descriptor(const CountedString& s)
@@ -75,6 +71,17 @@ const CountedStringDescriptor& Descriptor(const CountedString& s)
     CountedStringDescriptor* descriptor;
     std::memcpy(&descriptor, s.Text() - 12, sizeof descriptor);
     return *descriptor;
+}
+
+// The text (its length characters, NULs inside included, and the
+// terminator), the capacity and, in this module's own heap, the block's size.
+void ExpectHolds(const CountedString& s, const std::string& text, std::size_t capacity)
+{
+    EXPECT_EQ(std::string(s.Text(), Descriptor(s).length), text);
+    EXPECT_EQ(s.Text()[text.size()], '\0');
+    EXPECT_EQ(Descriptor(s).capacity, capacity);
+    const bool own = Descriptor(s).manager == &qm::defaultStringMemMgr;
+    EXPECT_EQ(own ? _msize(const_cast<char*>(s.Text() - 16)) : capacity + 21, capacity + 21);
 }
 
 // Host strings grow through their own manager (Alloc, copy, Free) in
@@ -94,77 +101,53 @@ TEST(CountedStringTest, AssignGrowsByTheTable)
             CountedString s;
             if (host)
                 AdoptHostString(s, m, "old", capacity);
-            else if (capacity != kNoStorage && !s.Reserve(capacity))
-                FAIL();
+            ASSERT_TRUE(host || capacity == kNoStorage || s.Reserve(capacity));
             const std::string text(length, 'q');
             ASSERT_TRUE(s.Assign(text.data(), text.size()));
-            EXPECT_EQ(text, s.Text());
-            EXPECT_EQ(length, Descriptor(s).length);
-            EXPECT_EQ(grown, Descriptor(s).capacity);
+            ExpectHolds(s, text, grown);
             EXPECT_EQ(host ? reinterpret_cast<qm::IMemMgr*>(&m) : &qm::defaultStringMemMgr, Descriptor(s).manager);
-            if (!host)
-            {
-                EXPECT_EQ(grown + 21, _msize(const_cast<char*>(s.Text() - 16)));
-            }
             const int growths = host && grown != capacity;
-            EXPECT_EQ((std::array<int, 4>{growths, growths, growths, 0}), m.calls);
+            EXPECT_EQ((Calls{growths, growths, growths, 0}), m.calls);
         }
     }
 }
 
-TEST(CountedStringTest, DestructionFreesThroughTheDescriptorsManagerOnce)
-{
-    HostMgr m{kHostTable};
-    alignas(CountedString) unsigned char storage[sizeof(CountedString)];
-    auto* s = new (storage) CountedString;
-    AdoptHostString(*s, m, "host", 8);
-    s->~CountedString();
-    EXPECT_EQ((std::array<int, 4>{0, 0, 2, 1}), m.calls); // block and descriptor
-    char* pointer;
-    std::memcpy(&pointer, storage, sizeof pointer);
-    EXPECT_EQ(nullptr, pointer);
-    s->~CountedString(); // finds the null pointer: nothing to free
-    EXPECT_EQ((std::array<int, 4>{0, 0, 2, 1}), m.calls);
-}
-
-// Set of nothing gives storage of the growth value; Set of the string's own
-// text (or of the empty text it reads as) changes nothing.
-TEST(CountedStringTest, SetOfNothingReservesAndSetOfItsOwnTextChangesNothing)
-{
-    CountedString empty;
-    empty.Set(empty.Text()); // the static empty text: still no storage
-    char* pointer;
-    std::memcpy(&pointer, static_cast<void*>(&empty), sizeof pointer);
-    EXPECT_EQ(nullptr, pointer);
-    empty.Set(nullptr);
-    EXPECT_EQ(64u, Descriptor(empty).capacity);
-    EXPECT_EQ(0u, Descriptor(empty).length);
-    EXPECT_EQ(64u + 21, _msize(const_cast<char*>(empty.Text() - 16)));
-
-    CountedString own;
-    ASSERT_TRUE(own.Assign("abc\0def", 7)); // a length past the first terminator
-    const char* text = own.Text();
-    own.Set(own.Text());
-    EXPECT_EQ(text, own.Text());
-    EXPECT_EQ(7u, Descriptor(own).length);
-    own.Set(nullptr);
-    EXPECT_EQ(text, own.Text());
-    EXPECT_EQ(0u, Descriptor(own).length);
-    EXPECT_EQ(64u, Descriptor(own).capacity);
-}
-
-// Reserve is exact, also downwards; a foreign block is copied into one of
-// the manager's and left as it was.
-TEST(CountedStringTest, ReserveShrinksExactlyAndCopiesAForeignBlock)
+// Set of the static empty text keeps a string without storage, Set of null
+// gives it storage of the growth value; Set of its own text (NULs inside
+// it) or of null changes its block in place; Reserve is exact, also
+// downwards. A host string frees its block and descriptor once.
+TEST(CountedStringTest, SetReserveAndDestruction)
 {
     CountedString s;
+    const char* const empty = s.Text();
+    s.Set(empty);
+    EXPECT_EQ(empty, s.Text());
+    s.Set(nullptr);
+    ExpectHolds(s, "", 64);
+    ASSERT_TRUE(s.Assign("abc\0def", 7));
+    const char* text = s.Text();
+    s.Set(s.Text());
+    ExpectHolds(s, std::string("abc\0def", 7), 64);
+    s.Set(nullptr);
+    EXPECT_EQ(text, s.Text());
+    ExpectHolds(s, "", 64);
     ASSERT_TRUE(s.Assign(std::string(100, 'q').c_str()));
     ASSERT_TRUE(s.Reserve(10));
-    EXPECT_EQ(10u, Descriptor(s).capacity);
-    EXPECT_EQ(10u, Descriptor(s).length);
-    EXPECT_EQ(std::string(10, 'q'), s.Text());
-    EXPECT_EQ(10u + 21, _msize(const_cast<char*>(s.Text() - 16)));
+    ExpectHolds(s, std::string(10, 'q'), 10);
 
+    HostMgr m{kHostTable};
+    {
+        CountedString host;
+        AdoptHostString(host, m, "host", 8);
+        host.~CountedString();
+        EXPECT_EQ((Calls{0, 0, 2, 1}), m.calls); // block and descriptor
+    } // run again at the end of the scope, it finds the null pointer
+    EXPECT_EQ((Calls{0, 0, 2, 1}), m.calls);
+}
+
+// A foreign block is copied into one of the manager's and left as it was.
+TEST(CountedStringTest, ReserveCopiesAForeignBlock)
+{
     HostMgr m{kHostTable};
     CountedString host;
     AdoptHostString(host, m, "foreign", 8, 0);
@@ -172,11 +155,10 @@ TEST(CountedStringTest, ReserveShrinksExactlyAndCopiesAForeignBlock)
     const std::string before(foreign - 16, 8 + 21);
     ASSERT_TRUE(host.Reserve(16));
     EXPECT_NE(foreign, host.Text());
-    EXPECT_STREQ("foreign", host.Text());
-    EXPECT_EQ(16u, Descriptor(host).capacity);
+    ExpectHolds(host, "foreign", 16);
     EXPECT_EQ(1u, Descriptor(host).ownsBlock);
     EXPECT_EQ(before, std::string(foreign - 16, 8 + 21)) << "the foreign block is untouched";
-    EXPECT_EQ((std::array<int, 4>{0, 1, 0, 0}), m.calls) << "one new block, the old one not freed";
+    EXPECT_EQ((Calls{0, 1, 0, 0}), m.calls) << "one new block, the old one not freed";
 }
 
 TEST(CountedStringTest, FailedAllocationLeavesTheStringUnchanged)
@@ -189,11 +171,9 @@ TEST(CountedStringTest, FailedAllocationLeavesTheStringUnchanged)
     EXPECT_FALSE(host.Assign(std::string(100, 'x').c_str()));
     EXPECT_FALSE(host.Reserve(4));
     EXPECT_THROW(host.Set(std::string(100, 'x').c_str()), std::bad_alloc);
-    EXPECT_EQ((std::array<int, 4>{3, 3, 0, 0}), m.calls);
+    EXPECT_EQ((Calls{3, 3, 0, 0}), m.calls);
     EXPECT_EQ(text, host.Text());
-    EXPECT_STREQ("keep", text);
-    EXPECT_EQ(8u, Descriptor(host).capacity);
-    EXPECT_EQ(4u, Descriptor(host).length);
+    ExpectHolds(host, "keep", 8);
     ASSERT_TRUE(plugin.Assign("abc"));
     EXPECT_FALSE(plugin.Reserve(~std::size_t{0}));
     EXPECT_FALSE(plugin.Reserve(std::size_t{1} << 60));
@@ -206,20 +186,21 @@ void BreakGuardThen(int at, bool set)
     HostMgr m{kHostTable};
     CountedString s;
     AdoptHostString(s, m, "abc", 8);
-    const_cast<char*>(s.Text())[at] ^= 1;
+    char* const text = const_cast<char*>(s.Text());
+    text[at] ^= 1;
     if (set)
     {
         s.Set("xyz");
-        WritePointer(s, nullptr); // so that only Set can have failed
+        text[at] ^= 1; // so that only Set can have failed
     }
 }
 
+// STATUS_FAIL_FAST_EXCEPTION, not an access fault: each guard once, seen by
+// Set or by the destructor.
 TEST(CountedStringDeathTest, BrokenGuardFailsFastWithoutTouchingPastTheBlock)
 {
-    // STATUS_FAIL_FAST_EXCEPTION, not an access fault
     const auto failedFast = [](int status) { return static_cast<DWORD>(status) == 0xC0000602; };
-    for (const int at : {-16, -4, 9})
-        for (const bool set : {true, false})
-            EXPECT_EXIT(BreakGuardThen(at, set), failedFast, "") << at << (set ? " Set" : " destruction");
+    for (const auto& [at, set] : {std::pair{-16, false}, std::pair{-4, true}, std::pair{9, false}})
+        EXPECT_EXIT(BreakGuardThen(at, set), failedFast, "") << at << (set ? " Set" : " destruction");
 }
 } // namespace

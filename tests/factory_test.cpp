@@ -1,13 +1,12 @@
 // The factory behind ProductCfgPlg.dll's exports, driven through the built
-// DLL exactly as the host loads it. Each test loads the DLL afresh and
-// matches every successful create with a destroy.
+// DLL exactly as the host loads it. Every successful create is matched by a
+// destroy.
 #include <windows.h>
 
 #include <malloc.h>
 
 #include <gtest/gtest.h>
 
-#include <string>
 #include <utility>
 
 #include "host/interface_id.h"
@@ -22,24 +21,9 @@ using DestroyFn = void (*)(const wchar_t* name, void* object);
 constexpr wchar_t kName[] = L"productconfigplg";
 constexpr uint32_t kInvalidData = 13;
 constexpr uint32_t kNotFound = 1168;
-
 constexpr InterfaceId kMixedAB{ids::ServPluginA.first, ids::ServPluginB.second};
 constexpr InterfaceId kMixedBA{ids::ServPluginB.first, ids::ServPluginA.second};
 constexpr InterfaceId kForeign{0x0123456789abcdefull, 0xfedcba9876543210ull};
-
-std::wstring BesideThisProgram(const wchar_t* file)
-{
-    wchar_t path[MAX_PATH];
-    const DWORD length = GetModuleFileNameW(nullptr, path, MAX_PATH);
-    std::wstring folder(path, length);
-    return folder.substr(0, folder.find_last_of(L'\\') + 1) + file;
-}
-
-template <class Fn>
-Fn Export(HMODULE module, const char* nameOrOrdinal)
-{
-    return reinterpret_cast<Fn>(reinterpret_cast<void*>(GetProcAddress(module, nameOrOrdinal)));
-}
 
 // True while p lies in an allocated block of the C runtime's heap, which is
 // where the DLL's operator new puts the plugin object: the object's storage
@@ -60,82 +44,25 @@ bool IsAllocated(const void* p)
     return allocated;
 }
 
-class FactoryTest : public ::testing::Test
+template <class Fn>
+Fn Export(HMODULE module, const char* name)
 {
-protected:
-    // One QmCreateObject under the plugin's name, matched by one
-    // QmDestroyObject at Release or at the end of the scope.
-    class Lease
-    {
-    public:
-        Lease(DestroyFn destroy, CreateFn create, const InterfaceId& id)
-            : destroy(destroy), status(create(kName, id, &object))
-        {
-        }
-        ~Lease() { Release(); }
-        Lease(const Lease&) = delete;
-        Lease& operator=(const Lease&) = delete;
-
-        void Release()
-        {
-            if (object != nullptr)
-                destroy(kName, std::exchange(object, nullptr));
-        }
-
-        DestroyFn destroy;
-        void* object = nullptr;
-        uint32_t status;
-    };
-
-    void SetUp() override
-    {
-        module.reset(LoadLibraryW(BesideThisProgram(L"ProductCfgPlg.dll").c_str()));
-        ASSERT_TRUE(module) << "LoadLibraryW failed: " << GetLastError();
-        create = Export<CreateFn>(module.get(), "QmCreateObject");
-        destroy = Export<DestroyFn>(module.get(), "QmDestroyObject");
-        ASSERT_NE(create, nullptr);
-        ASSERT_NE(destroy, nullptr);
-    }
-
-    Lease Create(const InterfaceId& id) { return Lease(destroy, create, id); }
-
-    UniqueModule module;
-    CreateFn create = nullptr;
-    DestroyFn destroy = nullptr;
-};
-
-TEST_F(FactoryTest, OrdinalsOneAndTwoAreTheTwoExports)
-{
-    EXPECT_EQ(Export<CreateFn>(module.get(), MAKEINTRESOURCEA(1)), create);
-    EXPECT_EQ(Export<DestroyFn>(module.get(), MAKEINTRESOURCEA(2)), destroy);
-    EXPECT_EQ(GetProcAddress(module.get(), MAKEINTRESOURCEA(3)), nullptr);
+    return reinterpret_cast<Fn>(reinterpret_cast<void*>(GetProcAddress(module, name)));
 }
 
-TEST_F(FactoryTest, EitherIdentifierGivesTheOneSharedObject)
+// Rejected creates leave the count alone, as do destroys that name no object
+// of the plugin. Either identifier gives the one shared object, which
+// answers to both and to nothing else; it ends with the last destroy, and the
+// next create builds another.
+TEST(FactoryTest, OneSharedObjectUntilTheLastDestroy)
 {
-    for (const auto& [firstId, secondId] : {std::pair{ids::ServPluginA, ids::ServPluginB},
-                                            std::pair{ids::ServPluginB, ids::ServPluginA}})
-    {
-        SCOPED_TRACE(testing::Message() << "created first with 0x" << std::hex << firstId.first);
-        Lease first = Create(firstId);
-        ASSERT_EQ(first.status, 0u);
-        ASSERT_NE(first.object, nullptr);
-        Lease second = Create(secondId);
-        EXPECT_EQ(second.status, 0u);
-        EXPECT_EQ(second.object, first.object);
+    const UniqueModule module(LoadLibraryW(L"ProductCfgPlg.dll"));
+    ASSERT_TRUE(module) << "LoadLibraryW failed: " << GetLastError();
+    const auto create = Export<CreateFn>(module.get(), "QmCreateObject");
+    const auto destroy = Export<DestroyFn>(module.get(), "QmDestroyObject");
+    ASSERT_NE(create, nullptr);
+    ASSERT_NE(destroy, nullptr);
 
-        auto* plugin = static_cast<IServPlugin*>(first.object);
-        EXPECT_EQ(plugin->QueryInterface(ids::ServPluginA), first.object);
-        EXPECT_EQ(plugin->QueryInterface(ids::ServPluginB), first.object);
-        for (const InterfaceId& other : {kMixedAB, kMixedBA, kForeign, ids::ServConfig, InterfaceId{0, 0}})
-            EXPECT_EQ(plugin->QueryInterface(other), nullptr) << std::hex << other.first << ' ' << other.second;
-    }
-}
-
-// Rejected creates and destroys that name no object of the plugin leave the
-// count alone: one destroy still ends the one object.
-TEST_F(FactoryTest, RejectedCreatesAndForeignDestroysCountNothing)
-{
     struct Row
     {
         const wchar_t* name;
@@ -155,39 +82,32 @@ TEST_F(FactoryTest, RejectedCreatesAndForeignDestroysCountNothing)
     }
     EXPECT_EQ(create(kName, ids::ServPluginA, nullptr), kInvalidData);
 
-    Lease lease = Create(ids::ServPluginA);
-    ASSERT_EQ(lease.status, 0u);
-    void* const object = lease.object;
-    destroy(kName, nullptr);
-    for (const wchar_t* other : {L"someotherplg", L"ProductConfigPlg", L""})
-        destroy(other, object);
-    ASSERT_TRUE(IsAllocated(object));
-    lease.Release();
-    EXPECT_FALSE(IsAllocated(object));
-}
+    for (const auto& [firstId, secondId] : {std::pair{ids::ServPluginA, ids::ServPluginB},
+                                            std::pair{ids::ServPluginB, ids::ServPluginA}})
+    {
+        SCOPED_TRACE(testing::Message() << "created first with 0x" << std::hex << firstId.first);
+        void* object = nullptr;
+        void* other = nullptr;
+        ASSERT_EQ(create(kName, firstId, &object), 0u);
+        ASSERT_EQ(create(kName, secondId, &other), 0u);
+        EXPECT_EQ(other, object);
+        auto* plugin = static_cast<IServPlugin*>(object);
+        EXPECT_EQ(plugin->QueryInterface(ids::ServPluginA), object);
+        EXPECT_EQ(plugin->QueryInterface(ids::ServPluginB), object);
+        for (const InterfaceId& id : {kMixedAB, kMixedBA, kForeign, ids::ServConfig, InterfaceId{0, 0}})
+            EXPECT_EQ(plugin->QueryInterface(id), nullptr) << std::hex << id.first << ' ' << id.second;
 
-TEST_F(FactoryTest, LastDestroyEndsTheObjectAndTheNextCreateBuildsAnother)
-{
-    Lease first = Create(ids::ServPluginA);
-    Lease second = Create(ids::ServPluginB);
-    ASSERT_EQ(first.status, 0u);
-    ASSERT_EQ(second.object, first.object);
-    void* const object = first.object;
-
-    first.Release();
-    ASSERT_TRUE(IsAllocated(object)) << "destroyed while a creation was outstanding";
-    Lease third = Create(ids::ServPluginA);
-    EXPECT_EQ(third.object, object);
-    second.Release();
-    ASSERT_TRUE(IsAllocated(object));
-    third.Release();
-    EXPECT_FALSE(IsAllocated(object)) << "still alive after the last destroy";
-
-    Lease fresh = Create(ids::ServPluginB);
-    ASSERT_EQ(fresh.status, 0u);
-    EXPECT_EQ(static_cast<IServPlugin*>(fresh.object)->QueryInterface(ids::ServPluginA), fresh.object);
-    void* const freshObject = fresh.object;
-    fresh.Release();
-    EXPECT_FALSE(IsAllocated(freshObject));
+        destroy(kName, nullptr);
+        for (const wchar_t* name : {L"someotherplg", L"ProductConfigPlg", L""})
+            destroy(name, object);
+        destroy(kName, object);
+        ASSERT_TRUE(IsAllocated(object)) << "destroyed while a creation was outstanding";
+        ASSERT_EQ(create(kName, ids::ServPluginA, &other), 0u);
+        EXPECT_EQ(other, object);
+        destroy(kName, object);
+        ASSERT_TRUE(IsAllocated(object));
+        destroy(kName, object);
+        EXPECT_FALSE(IsAllocated(object)) << "still alive after the last destroy";
+    }
 }
 } // namespace

@@ -1,63 +1,178 @@
-// Holders give a component back exactly once under the name it was asked
-// for; work items carry their call and free what they own on Release.
+// Both sides of the contract with the host: the simulated host keeps the
+// promises the plugin relies on; our holders give a component back exactly
+// once under the name it was asked for, and work items carry their call and
+// free what they own on Release.
 #include <windows.h>
 
 #include <gtest/gtest.h>
 
-#include <string>
+#include <functional>
+#include <thread>
 
 #include "host/holders.h"
 #include "host/work_item.h"
 #include "simhost/sim_host.h"
+#include "support/unique_resource.h"
 
 namespace
 {
-// Counts live copies, so a test sees every copy freed.
-struct Counted
-{
-    static int live;
-    int value = 0;
-    explicit Counted(int v) : value(v) { ++live; }
-    Counted(const Counted& other) : value(other.value) { ++live; }
-    Counted& operator=(const Counted&) = default;
-    ~Counted() { --live; }
-};
-int Counted::live = 0;
+using Texts = std::vector<std::string>;
 
-struct Target
+class FunctionItem final : public EqWorkItem
 {
-    int calls = 0;
-    int lastValue = 0;
-    bool lastFlag = false;
-    void Plain() { ++calls; }
-    int WithResult() { return ++calls; }
-    void WithRecord(Counted record, bool flag)
+public:
+    explicit FunctionItem(std::function<void()> body) : body(std::move(body)) {}
+    void Release() override { ReleaseWorkItem(this); }
+    void Run() override { body(); }
+    QM_IMPLEMENTS_DESTRUCTOR_SLOT(FunctionItem)
+
+private:
+    std::function<void()> body;
+};
+
+// Items wait for the gate, 10 s at most.
+struct Gate
+{
+    void Wait() const { WaitForSingleObject(event.get(), 10000); }
+    void Open() const { SetEvent(event.get()); }
+    UniqueHandle event{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+};
+
+TimerHandle Arm(sim::Host& host, const wchar_t* name, uint32_t first, uint32_t period, std::function<void()> body)
+{
+    TimerHandle handle = 0;
+    EXPECT_EQ(host.queue.SetTimer(name, &handle, first, period, new FunctionItem(std::move(body)), 0, 0, 0), 0u);
+    return handle;
+}
+
+// Items run in order of due time, then of creation, on the queue's thread;
+// a fired one-shot keeps its handle until DeleteTimer, which releases once.
+// An item that cancels its own timer is released at DeleteTimer, one that
+// deletes it when its run ends. WaitTimer waits for a running item.
+TEST(SimEventQueue, TimersRunInOrderOnTheQueueThreadAndAreReleasedOnce)
+{
+    sim::Host host;
+    const auto caller = std::this_thread::get_id();
+    const auto note = [&](const char* what) {
+        return [&, what] {
+            const bool onCaller = std::this_thread::get_id() == caller;
+            host.journal.Record(std::string("ran ") + what + "@" + std::to_string(host.queue.Now()) + (onCaller ? "!" : ""));
+        };
+    };
+    const TimerHandle timers[] = {Arm(host, L"late", 300, kNoRepeat, note("late")),
+                                  Arm(host, L"hourly", 100, 250, note("hourly")), Arm(host, L"tie", 100, kNoRepeat, note("tie"))};
+    host.queue.Advance(99);
+    EXPECT_TRUE(host.journal.LinesStartingWith("ran ").empty());
+    host.queue.Advance(500);
+    EXPECT_EQ(host.journal.LinesStartingWith("ran "), (Texts{"ran hourly@100", "ran tie@100", "ran late@300", "ran hourly@350"}));
+    EXPECT_EQ(host.queue.Now(), 599u);
+    EXPECT_EQ(host.queue.LiveTimers(), 3u);
+    for (const TimerHandle handle : timers)
     {
-        ++calls;
-        lastValue = record.value;
-        record.value = -1; // the callee owns its copy
-        lastFlag = flag;
+        EXPECT_EQ(host.queue.CancelTimer(handle), 0u);
+        EXPECT_EQ(host.queue.WaitTimer(handle, kWaitForever), 0u);
+        EXPECT_EQ(host.queue.DeleteTimer(handle), 0u);
     }
-};
-} // namespace
+    EXPECT_EQ(host.queue.DeleteTimer(timers[2]), static_cast<Status>(ERROR_INVALID_HANDLE));
+    EXPECT_EQ(host.queue.InvalidHandleCalls(), 1u);
+    EXPECT_EQ(host.ledger.ReleasedCount(), 3u);
 
+    TimerHandle self = 0, deleting = 0;
+    self = Arm(host, L"self", 100, 100, [&] { host.queue.CancelTimer(self); });
+    deleting = Arm(host, L"deleting", 100, 100, [&] { host.queue.DeleteTimer(deleting); });
+    host.queue.Advance(1000);
+    EXPECT_EQ(host.journal.Count("Run self"), 1u);
+    EXPECT_EQ(host.ledger.ReleasedCount("deleting"), 1u);
+    EXPECT_EQ(host.ledger.Outstanding(), 1u);
+    host.queue.DeleteTimer(self);
+    EXPECT_EQ(host.ledger.DoubleReleases(), 0u);
+    EXPECT_EQ(host.journal.LinesStartingWith("ran ").size(), 4u) << "a deleted timer ran";
+
+    Gate gate;
+    const TimerHandle slow = Arm(host, L"slow", 10, kNoRepeat, [&] {
+        gate.Wait();
+        host.journal.Record("item ended");
+    });
+    std::thread advancer([&] { host.queue.Advance(10); });
+    EXPECT_TRUE(host.journal.WaitFor("Run slow"));
+    std::thread waiter([&] {
+        host.queue.CancelTimer(slow);
+        host.queue.WaitTimer(slow, kWaitForever);
+        host.journal.Record("wait returned");
+        host.queue.DeleteTimer(slow);
+    });
+    EXPECT_TRUE(host.journal.WaitFor("WaitTimer slow"));
+    gate.Open();
+    waiter.join();
+    advancer.join();
+    EXPECT_LT(host.journal.Find("item ended"), host.journal.Find("wait returned"));
+    EXPECT_EQ(host.ledger.Outstanding(), 0u);
+}
+
+// FIFO; the release is seen to have taken effect when a Post is refused, and
+// only then does the running item end: the queued items can only be dropped.
+TEST(SimSerialExecution, RunsInOrderAndReleaseWaitsThenDropsTheQueue)
+{
+    sim::Host host;
+    ISerialExecution* serial = nullptr;
+    ASSERT_EQ(host.queue.CreateSerialExecution(&serial), 0u);
+    Gate gate;
+    const auto post = [&](const wchar_t* name, std::function<void()> body) {
+        return serial->Post(name, nullptr, new FunctionItem(std::move(body)), 0, 0, 0);
+    };
+    for (int i = 0; i < 5; ++i)
+        post(L"ordered", [&, i] { host.journal.Record("ran " + std::to_string(i)); });
+    post(L"blocking", [&] {
+        gate.Wait();
+        host.journal.Record("blocking ended");
+    });
+    post(L"queued", [] {});
+    EXPECT_TRUE(host.journal.WaitFor("Run blocking"));
+    std::thread releaser([&] {
+        host.queue.ReleaseSerialExecution(serial);
+        host.journal.Record("released");
+    });
+    EXPECT_TRUE(host.journal.WaitFor("ReleaseSerialExecution"));
+    size_t probes = 0;
+    for (const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+         post(L"probe", [] {}) == 0 && std::chrono::steady_clock::now() < end;)
+        ++probes;
+    gate.Open();
+    releaser.join();
+    EXPECT_EQ(host.journal.LinesStartingWith("ran "), (Texts{"ran 0", "ran 1", "ran 2", "ran 3", "ran 4"}));
+    EXPECT_LT(host.journal.Find("blocking ended"), host.journal.Find("released"));
+    EXPECT_EQ(host.journal.Count("Release queued (not run)"), 1u);
+    EXPECT_EQ(host.journal.Count("Release probe (not run)"), probes);
+    EXPECT_EQ(host.journal.Count("Release probe (not run: serial execution released)"), 1u);
+    EXPECT_EQ(host.ledger.Outstanding(), 0u);
+}
+
+// The simulated manager hands out one object per name, under its own
+// identifier only, and counts what is outstanding.
 TEST(ComponentHolder, GivesBackOnceUnderItsName)
 {
     sim::Host host;
     Status status = 1;
     auto holder = ComponentHolder<IServConfig>::Acquire(&host.components, L"productinfo", ids::ServConfig, status);
     EXPECT_EQ(status, 0u);
-    EXPECT_TRUE(holder);
+    void* same = nullptr;
+    EXPECT_EQ(host.components.GetComponent(L"productinfo", ids::ServConfig, &same), 0u);
+    EXPECT_EQ(same, holder.get());
+    host.components.ReleaseComponent(L"productinfo");
+    EXPECT_EQ(host.components.Outstanding(), 1);
     holder.Reset();
     holder.Reset();
-    EXPECT_EQ(host.components.Released(L"productinfo"), 1u);
+    EXPECT_EQ(host.components.Released(L"productinfo"), 2u);
 
     host.components.Fail(L"sessionchange", 5);
+    const std::tuple<const wchar_t*, InterfaceId, Status> failing[] = {
+        {L"productinfo", ids::ConnectIntegrator, ERROR_INVALID_PARAMETER},
+        {L"nosuch", ids::ServConfig, ERROR_NOT_FOUND},
+        {L"sessionchange", ids::SessionChangeClient, 5}};
+    for (const auto& [name, id, expected] : failing)
     {
-        auto failed = ComponentHolder<ISessionChangeClient>::Acquire(&host.components, L"sessionchange",
-                                                                     ids::SessionChangeClient, status);
-        EXPECT_EQ(status, 5u);
-        EXPECT_FALSE(failed);
+        EXPECT_FALSE(ComponentHolder<void>::Acquire(&host.components, name, id, status)) << name;
+        EXPECT_EQ(status, expected) << name;
     }
     EXPECT_EQ(host.components.Released(L"sessionchange"), 0u);
 
@@ -68,28 +183,45 @@ TEST(ComponentHolder, GivesBackOnceUnderItsName)
         auto source =
             ComponentHolder<void>::Acquire(&host.components, L"connect_integrator", ids::ConnectIntegrator, status);
         target = std::move(source);
-        EXPECT_EQ(host.components.Released(L"productinfo"), 2u);
+        EXPECT_EQ(host.components.Released(L"productinfo"), 3u);
         EXPECT_EQ(host.components.Released(L"connect_integrator"), 0u);
         target = std::move(target);
         EXPECT_TRUE(target);
     }
     EXPECT_EQ(host.components.Released(L"connect_integrator"), 1u);
     EXPECT_EQ(host.components.Outstanding(), 0);
-}
 
-TEST(SerialExecutionHolder, ReleasesTheObjectOnce)
-{
-    sim::Host host;
     ISerialExecution* serial = nullptr;
     ASSERT_EQ(host.queue.CreateSerialExecution(&serial), 0u);
     {
-        SerialExecutionHolder holder(&host.queue, serial);
-        holder.Reset();
-        holder.Reset();
+        SerialExecutionHolder serialHolder(&host.queue, serial);
+        serialHolder.Reset();
+        serialHolder.Reset();
     }
     EXPECT_EQ(host.journal.Count("ReleaseSerialExecution"), 1u);
-    EXPECT_EQ(host.queue.InvalidHandleCalls(), 0u);
 }
+
+// Counts live copies, so a test sees every copy freed.
+struct Counted
+{
+    static int live;
+    int value = 0;
+    explicit Counted(int v) : value(v) { ++live; }
+    Counted(const Counted& other) : value(other.value) { ++live; }
+    ~Counted() { --live; }
+};
+int Counted::live = 0;
+
+struct Target
+{
+    int calls = 0, lastValue = 0;
+    int WithResult() { return ++calls; }
+    void WithRecord(Counted record, bool flag)
+    {
+        lastValue = flag ? record.value : -1;
+        record.value = -1; // the callee owns its copy
+    }
+};
 
 TEST(WorkItems, RunTheirCallAndFreeWhatTheyOwn)
 {
@@ -97,15 +229,8 @@ TEST(WorkItems, RunTheirCallAndFreeWhatTheyOwn)
     auto member = MakeWorkItem<EqWorkItemMember0<int, Target>>(L"test", &target, &Target::WithResult);
     member->Run();
     member->Run();
-    EqWorkItem* handedOver = member.release();
-    handedOver->Release();
+    member.release()->Release();
     EXPECT_EQ(target.calls, 2); // the object outlives its item
-
-    using Plain = qm::framework::task<void (Target::*)(), Target*>;
-    auto plain = MakeWorkItem<Plain>(L"test", &Target::Plain, &target);
-    plain->Run();
-    EXPECT_EQ(target.calls, 3);
-    plain.release()->Release();
 
     using WithRecord = qm::framework::task<void (Target::*)(Counted, bool), Target*, const Counted&, bool>;
     {
@@ -116,10 +241,10 @@ TEST(WorkItems, RunTheirCallAndFreeWhatTheyOwn)
         item->Run();
         item->Run(); // each run gets a fresh copy of the stored record
         EXPECT_EQ(target.lastValue, 42);
-        EXPECT_TRUE(target.lastFlag);
         EXPECT_EQ(Counted::live, 2);
         item.release()->Release();
         EXPECT_EQ(Counted::live, 1);
     }
     EXPECT_EQ(Counted::live, 0);
 }
+} // namespace

@@ -1,29 +1,32 @@
 // The list against its binary layout and table of operations, as the host
-// reads and calls it.
+// reads and calls it, and the subscription record that carries a list.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
-#include <vector>
+#include <list>
+#include <random>
 
-#include "support/list.h"
+#include "config/subscription_data.h"
 
 namespace
 {
-using Node = qm::ListNode<std::uint32_t>;
 using List = qm::List<std::uint32_t>;
-using Sequence = std::vector<std::uint32_t>;
+using Model = std::list<std::uint32_t>;
+enum ListSlot { kAppend, kPrepend, kLast, kLastConst, kGetLast, kFirst, kFirstConst, kGetFirst, kErase, kConstEnum,
+                kEnum, kClear, kCount };
+enum EnumSlot { kHasMore, kNext, kCurrent, kRelease, kReset };
 
 // The values as the host reads them, checking the backward links and the
 // size field on the way.
-Sequence Values(const List& list)
+Model Values(const List& list)
 {
-    const char* raw = reinterpret_cast<const char*>(&list);
-    const Node* head;
+    const qm::ListNode<std::uint32_t>* head;
     std::int64_t size;
-    std::memcpy(&head, raw + 8, sizeof head);
-    std::memcpy(&size, raw + 16, sizeof size);
-    Sequence values;
-    const Node* node = head;
+    std::memcpy(&head, reinterpret_cast<const char*>(&list) + 8, sizeof head);
+    std::memcpy(&size, reinterpret_cast<const char*>(&list) + 16, sizeof size);
+    Model values;
+    const auto* node = head;
     for (; node->next != head; node = node->next)
     {
         EXPECT_EQ(node, node->next->previous);
@@ -42,85 +45,122 @@ R Slot(void* object, int slot, A... args)
     return (*static_cast<Fn**>(object))[slot](object, args...);
 }
 
-// Every operation through its slot: a table out of order fails here.
-TEST(ListTest, OperationsThroughTheTable)
+// Random operations, through the table where they have a slot, against a
+// model; after each, everything the host can see. Erasing at every position
+// (the sentinel included) and with another list's enumerator, copies that
+// share no node, assignment that reuses the target's nodes and assignment of
+// a list to itself.
+TEST(ListTest, RandomOperationsThroughTheTableMatchAModel)
 {
-    List list;
-    std::uint32_t out = 7;
-    EXPECT_EQ(nullptr, Slot<std::uint32_t*>(&list, 2));               // Last
-    EXPECT_EQ(nullptr, Slot<const std::uint32_t*>(&list, 6));         // First const
-    EXPECT_EQ(1168u, Slot<Status>(&list, 4, &out));                   // GetLast
-    EXPECT_EQ(1168u, Slot<Status>(&list, 7, &out));                   // GetFirst
-    EXPECT_EQ(7u, out);
-    void* e = Slot<void*>(&list, 9);                                  // ConstEnum
-    EXPECT_FALSE(Slot<bool>(e, 0));                                   // HasMore
-    Slot<void>(e, 3);                                                 // Release
-
-    const std::uint32_t one = 1, two = 2;
-    EXPECT_EQ(0u, Slot<Status>(&list, 0, &one));                      // Append
-    EXPECT_EQ(0u, Slot<Status>(&list, 1, &two));                      // Prepend
-    EXPECT_EQ(Sequence({2, 1}), Values(list));
-    EXPECT_EQ(1u, *Slot<const std::uint32_t*>(&list, 3));             // Last const
-    EXPECT_EQ(0u, Slot<Status>(&list, 4, &out));
-    EXPECT_EQ(1u, out);
-    EXPECT_EQ(2u, *Slot<std::uint32_t*>(&list, 5));                   // First
-    EXPECT_EQ(0u, Slot<Status>(&list, 7, &out));
-    EXPECT_EQ(2u, out);
-
-    e = Slot<void*>(&list, 10);                                       // Enum
-    Slot<void>(e, 1);                                                 // Next
-    EXPECT_EQ(1u, *Slot<std::uint32_t*>(e, 2));                       // Current
-    Slot<void>(&list, 8, e);                                          // Erase the last element
-    EXPECT_FALSE(Slot<bool>(e, 0));
-    EXPECT_EQ(Sequence({2}), Values(list));
-    Slot<void>(e, 4);                                                 // Reset
-    EXPECT_EQ(2u, *Slot<std::uint32_t*>(e, 2));
-    Slot<void>(e, 3);
-    EXPECT_EQ(1, Slot<std::int64_t>(&list, 12));                      // Count
-    Slot<void>(&list, 11);                                            // Clear
-    EXPECT_EQ(Sequence{}, Values(list));
-}
-
-TEST(ListTest, CopiesShareNoNode)
-{
-    List source;
-    source.Append(1);
-    source.Append(2);
-    List copy(source);
-    *copy.First() = 9;
-    source.Clear();
-    EXPECT_EQ(Sequence({9, 2}), Values(copy));
-}
-
-// Marks a value assigned into a reused node; a new node gets a copy.
-struct Tracked
-{
-    bool assigned = false;
-
-    Tracked() = default;
-    Tracked(const Tracked&) {}
-    Tracked& operator=(const Tracked&)
+    constexpr unsigned kSeed = 20240611;
+    SCOPED_TRACE(testing::Message() << "seed " << kSeed);
+    std::mt19937 random(kSeed);
+    List list, other;
+    Model model;
+    for (int step = 0; step < 600 && !HasFailure(); ++step)
     {
-        assigned = true;
-        return *this;
-    }
-};
+        SCOPED_TRACE(testing::Message() << "step " << step);
+        const std::uint32_t value = random();
+        const std::size_t at = random() % (model.size() + 1);
+        const std::uint32_t* const first = list.First();
+        switch (random() % 6)
+        {
+        case 0:
+            EXPECT_EQ(Slot<Status>(&list, kAppend, &value), 0u);
+            model.push_back(value);
+            break;
+        case 1:
+            EXPECT_EQ(Slot<Status>(&list, kPrepend, &value), 0u);
+            model.push_front(value);
+            break;
+        case 2: // the enumerator then stands on the element behind
+        {
+            void* position = Slot<void*>(&list, kEnum);
+            for (std::size_t i = 0; i < at; ++i)
+                Slot<void>(position, kNext);
+            Slot<void>(&list, kErase, position);
+            const auto behind = at < model.size() ? model.erase(std::next(model.begin(), at)) : model.end();
+            EXPECT_EQ(Slot<bool>(position, kHasMore) ? *Slot<std::uint32_t*>(position, kCurrent) : 0xDEAD,
+                      behind != model.end() ? *behind : 0xDEAD);
+            Slot<void>(position, kRelease);
+            break;
+        }
+        case 3:
+        {
+            other.Append(value);
+            void* foreign = Slot<void*>(&other, kEnum);
+            Slot<void>(&list, kErase, foreign);
+            Slot<void>(foreign, kRelease);
+            EXPECT_EQ(Values(other), Model{value});
+            List copy(list);
+            EXPECT_EQ(Values(copy), model);
+            copy.Clear();
+            other.Clear();
+            break;
+        }
+        case 4: // from a list of up to five values
+            model.clear();
+            for (std::size_t i = random() % 6; i > 0; --i)
+                other.Append(model.emplace_back(random()));
+            list = other;
+            other.Clear();
+            EXPECT_TRUE(first == nullptr || model.empty() || list.First() == first) << "the first node reused";
+            break;
+        default:
+            if (at == 0)
+            {
+                Slot<void>(&list, kClear);
+                model.clear();
+            }
+            list = *&list;
+            EXPECT_EQ(list.First(), model.empty() ? nullptr : first);
+        }
 
-TEST(ListTest, AssignmentReusesNodesAndLeavesItselfAlone)
+        EXPECT_EQ(Values(list), model);
+        EXPECT_EQ(Slot<std::int64_t>(&list, kCount), static_cast<std::int64_t>(model.size()));
+        std::uint32_t ends[2] = {0xDEAD, 0xDEAD}; // untouched when empty
+        EXPECT_EQ(Slot<Status>(&list, kGetFirst, &ends[0]), model.empty() ? 1168u : 0u);
+        EXPECT_EQ(Slot<Status>(&list, kGetLast, &ends[1]), model.empty() ? 1168u : 0u);
+        EXPECT_EQ(Model(ends, ends + 2), (model.empty() ? Model{0xDEAD, 0xDEAD} : Model{model.front(), model.back()}));
+        for (const int slot : {kFirst, kFirstConst, kLast, kLastConst})
+        {
+            const auto* end = Slot<const std::uint32_t*>(&list, slot);
+            EXPECT_EQ(end ? *end : 0xDEAD, model.empty() ? 0xDEAD : slot < kGetLast ? model.back() : model.front());
+        }
+        void* walk = Slot<void*>(&list, kConstEnum);
+        Model walked;
+        for (int pass = 0; pass < 2; ++pass, Slot<void>(walk, kReset))
+        {
+            for (; Slot<bool>(walk, kHasMore); Slot<void>(walk, kNext))
+                walked.push_back(*Slot<const std::uint32_t*>(walk, kCurrent));
+        }
+        EXPECT_EQ(walked.size(), 2 * model.size());
+        EXPECT_TRUE(std::equal(model.begin(), model.end(), walked.begin()));
+        EXPECT_TRUE(std::equal(model.begin(), model.end(), std::next(walked.begin(), model.size())));
+        Slot<void>(walk, kRelease);
+    }
+}
+
+TEST(SubscriptionRecord, FixedTextsStayWithinTheirArraysAndCopiesAreDeep)
 {
-    qm::List<Tracked> target, source;
-    const Tracked value;
-    for (int i = 0; i < 3; ++i)
-        target.Append(value);
-    source.Append(value);
-    target = source; // one node reused, two freed
-    EXPECT_EQ(1, target.Count());
-    EXPECT_TRUE(target.First()->assigned);
-    source.Append(value);
-    const qm::List<Tracked>& self = target = source; // one reused, one added
-    target = self; // would mark the new node assigned
-    EXPECT_EQ(2, target.Count());
-    EXPECT_TRUE(target.First()->assigned);
-    EXPECT_FALSE(target.Last()->assigned);
+    SubscriptionData record;
+    EXPECT_EQ(FixedText(record.AccountId), "");
+    for (char& c : record.AccountId)
+        c = 'a'; // no terminator at all
+    record.OpaqueText1[0] = 'X';
+    EXPECT_EQ(FixedText(record.AccountId), std::string(kSubscriptionTextChars, 'a'));
+    for (const std::size_t length : {kSubscriptionTextChars - 1, kSubscriptionTextChars, std::size_t{500}})
+    {
+        SetFixedText(record.CommercialId, std::string(length, 'c'));
+        EXPECT_EQ(FixedText(record.CommercialId), std::string(kSubscriptionTextChars - 1, 'c')) << length;
+    }
+    for (const int32_t feature : {40, 41, 42})
+        record.Features.Append(static_cast<SubscriptionFeatures>(feature));
+    const SubscriptionData copy = record;
+    record.Features.Clear();
+    EXPECT_EQ(copy.Features.Count(), 3);
+    EXPECT_EQ(*copy.Features.First(), 40);
+    EXPECT_EQ(*copy.Features.Last(), 42);
+    EXPECT_EQ(FixedText(copy.CommercialId), FixedText(record.CommercialId));
 }
 } // namespace

@@ -5,9 +5,6 @@
 #include <shlobj.h>
 #include <shlwapi.h>
 
-#include <optional>
-#include <string>
-
 #include "simhost/serv_config.h"
 #include "support/error_code.h"
 #include "support/product_paths.h"
@@ -16,14 +13,6 @@
 namespace
 {
 using Missing = sim::ServConfig::Missing;
-
-// The host's settings, each absent one reported as missing says.
-struct Settings
-{
-    explicit Settings(Missing missing) { config.SetMissing(missing); }
-    sim::Journal journal;
-    sim::ServConfig config{journal};
-};
 
 TEST(ProductPaths, MissingSettingTests)
 {
@@ -41,41 +30,14 @@ TEST(ProductPaths, MissingSettingTests)
     }
 }
 
-TEST(ProductPaths, KeyPathsAreEmptyOnlyForASettingMissingByTheWholeText)
-{
-    struct Row
-    {
-        const wchar_t* setting; // null: not in the table
-        Missing missing;
-        std::optional<std::wstring> subscription, onboarding;
-    };
-    for (const Row& row : {Row{L"QM1", Missing::Null, L".DEFAULT\\SOFTWARE\\Sub_ID_QM1", L"QM1\\Onboarding"},
-                           Row{L"", Missing::Null, L".DEFAULT\\SOFTWARE\\Sub_ID_", L"\\Onboarding"},
-                           Row{L"<error-not-foune>", Missing::Null, L".DEFAULT\\SOFTWARE\\Sub_ID_<error-not-foune>",
-                               L"<error-not-foune>\\Onboarding"},
-                           Row{L"<error-not-found>", Missing::Null, std::nullopt, std::nullopt},
-                           Row{nullptr, Missing::NotFoundText, std::nullopt, std::nullopt},
-                           Row{nullptr, Missing::Null, std::nullopt, std::nullopt}})
-    {
-        Settings settings(row.missing);
-        if (row.setting != nullptr)
-        {
-            settings.config.Set(44, L"Desktop", row.setting);
-            settings.config.Set(217, L"Desktop", row.setting);
-        }
-        EXPECT_EQ(GetSubscriptionKeyPath(&settings.config), row.subscription) << row.setting;
-        EXPECT_EQ(GetOnboardingKeyPath(&settings.config), row.onboarding) << row.setting;
-    }
-}
-
 // The path of name on the public desktop; with attributes, a file created
 // there.
-std::wstring OnPublicDesktop(const wchar_t* name, DWORD attributes = 0)
+std::wstring OnPublicDesktop(const std::wstring& name, DWORD attributes = 0)
 {
     PWSTR raw = nullptr;
     EXPECT_EQ(S_OK, SHGetKnownFolderPath(FOLDERID_PublicDesktop, 0, nullptr, &raw));
     const UniqueCoTaskMem<wchar_t> folder(raw);
-    const std::wstring path = std::wstring(folder ? folder.get() : L"") + L"\\" + name;
+    const std::wstring path = std::wstring(folder ? folder.get() : L"") + L"\\" + name + L" VPN.lnk";
     if (attributes != 0)
     {
         const UniqueFileHandle file(
@@ -85,35 +47,58 @@ std::wstring OnPublicDesktop(const wchar_t* name, DWORD attributes = 0)
     return path;
 }
 
-// Both candidates lie on the desktop; exactly the one named goes.
-TEST(ProductPaths, RemoveVpnInstallShortcutDeletesTheOneOfTheBaseName)
+// The product identifier, the product key and the base name all set to one
+// text, or all absent (null) and reported as missing says. Key paths are
+// empty only for a setting missing by the whole text; of the two shortcuts
+// on the desktop exactly the one named goes, "Quillmarten" for a base name
+// that is empty or missing.
+TEST(ProductPaths, KeyPathsAndTheVpnShortcutFollowTheSettings)
 {
-    const std::wstring acme = OnPublicDesktop(L"Acme VPN.lnk"), quill = OnPublicDesktop(L"Quillmarten VPN.lnk");
     struct Row
     {
-        const wchar_t* base; // null: not in the table
+        const wchar_t* setting;
         Missing missing;
-        const std::wstring &deleted, &kept;
+        std::optional<std::wstring> subscription, onboarding;
+        const wchar_t *deleted, *kept; // null: no file name
     };
-    for (const Row& row : {Row{L"Acme", Missing::Null, acme, quill}, Row{L"", Missing::Null, quill, acme},
-                           Row{nullptr, Missing::NotFoundText, quill, acme}, Row{nullptr, Missing::Null, quill, acme}})
+    const wchar_t *acme = L"Acme", *quill = L"Quillmarten";
+    for (const Row& row : {Row{acme, Missing::Null, L".DEFAULT\\SOFTWARE\\Sub_ID_Acme", L"Acme\\Onboarding", acme, quill},
+                           Row{L"", Missing::Null, L".DEFAULT\\SOFTWARE\\Sub_ID_", L"\\Onboarding", quill, acme},
+                           Row{L"<error-not-foune>", Missing::Null, L".DEFAULT\\SOFTWARE\\Sub_ID_<error-not-foune>",
+                               L"<error-not-foune>\\Onboarding", nullptr, nullptr},
+                           Row{L"<error-not-found>", Missing::Null, std::nullopt, std::nullopt, quill, acme},
+                           Row{nullptr, Missing::NotFoundText, std::nullopt, std::nullopt, quill, acme},
+                           Row{nullptr, Missing::Null, std::nullopt, std::nullopt, quill, acme}})
     {
-        Settings settings(row.missing);
-        if (row.base != nullptr)
-            settings.config.Set(0, L"BASE", row.base);
-        OnPublicDesktop(L"Acme VPN.lnk", FILE_ATTRIBUTE_NORMAL);
-        OnPublicDesktop(L"Quillmarten VPN.lnk", FILE_ATTRIBUTE_NORMAL);
-        EXPECT_TRUE(RemoveVpnInstallShortcut(&settings.config)) << row.base;
-        EXPECT_FALSE(PathFileExistsW(row.deleted.c_str())) << row.base;
-        EXPECT_TRUE(RemoveVpnInstallShortcut(&settings.config)) << row.base << ": none left";
-        EXPECT_TRUE(DeleteFileW(row.kept.c_str())) << row.base << ": the other one stays";
+        SCOPED_TRACE(row.setting ? row.setting : row.missing == Missing::Null ? L"(null)" : L"(not found)");
+        sim::Journal journal;
+        sim::ServConfig config{journal};
+        config.SetMissing(row.missing);
+        for (const SettingId id : {settings::ProductId, settings::ProductKey, settings::BaseName})
+        {
+            if (row.setting != nullptr)
+                config.Set(id.number, id.section, row.setting);
+            EXPECT_STREQ(config.GetString(id.number, id.section),
+                         row.setting ? row.setting : row.missing == Missing::Null ? nullptr : L"<error-not-found>");
+        }
+        EXPECT_EQ(GetSubscriptionKeyPath(&config), row.subscription);
+        EXPECT_EQ(GetOnboardingKeyPath(&config), row.onboarding);
+        if (row.deleted == nullptr)
+            continue;
+        OnPublicDesktop(acme, FILE_ATTRIBUTE_NORMAL);
+        OnPublicDesktop(quill, FILE_ATTRIBUTE_NORMAL);
+        EXPECT_TRUE(RemoveVpnInstallShortcut(&config));
+        EXPECT_FALSE(PathFileExistsW(OnPublicDesktop(row.deleted).c_str()));
+        EXPECT_TRUE(RemoveVpnInstallShortcut(&config)) << "none left";
+        EXPECT_TRUE(DeleteFileW(OnPublicDesktop(row.kept).c_str())) << "the other one stays";
     }
 
-    Settings settings(Missing::Null);
-    OnPublicDesktop(L"Quillmarten VPN.lnk", FILE_ATTRIBUTE_READONLY);
-    EXPECT_FALSE(RemoveVpnInstallShortcut(&settings.config)) << "a shortcut that cannot be deleted";
-    SetFileAttributesW(quill.c_str(), FILE_ATTRIBUTE_NORMAL);
-    EXPECT_TRUE(DeleteFileW(quill.c_str()));
+    sim::Journal journal;
+    sim::ServConfig config{journal};
+    const std::wstring readOnly = OnPublicDesktop(quill, FILE_ATTRIBUTE_READONLY);
+    EXPECT_FALSE(RemoveVpnInstallShortcut(&config)) << "a shortcut that cannot be deleted";
+    SetFileAttributesW(readOnly.c_str(), FILE_ATTRIBUTE_NORMAL);
+    EXPECT_TRUE(DeleteFileW(readOnly.c_str()));
 }
 
 TEST(ProductPaths, ModuleDirectoryKeepsItsBackslash)
@@ -121,7 +106,9 @@ TEST(ProductPaths, ModuleDirectoryKeepsItsBackslash)
     std::error_code ec = winapi::make_win_error(ERROR_ACCESS_DENIED);
     const std::wstring own = GetModuleDirectory(nullptr, ec);
     EXPECT_FALSE(ec);
-    EXPECT_TRUE(PathFileExistsW((own + L"product_paths_test.exe").c_str())) << own;
+    wchar_t program[MAX_PATH];
+    GetModuleFileNameW(nullptr, program, MAX_PATH);
+    EXPECT_EQ(own, std::wstring(program, PathFindFileNameW(program)));
 
     // A caller's "\name.dll" appended: the doubled backslash loads the module.
     const HMODULE kernel = GetModuleHandleW(L"kernel32.dll");

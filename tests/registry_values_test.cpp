@@ -1,9 +1,8 @@
 // The registry readers against the real registry, in a key of their own that
-// each case removes again.
+// each case removes again, and the Windows error values they give.
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <string>
 #include <utility>
 
 #include "support/error_code.h"
@@ -32,18 +31,16 @@ std::error_code Status(uint32_t status)
     return status == 0 ? std::error_code() : winapi::make_win_error(status);
 }
 
-class RegistryValues : public ::testing::Test
-{
-protected:
-    void TearDown() override { RegDeleteTreeW(HKEY_LOCAL_MACHINE, kKey); }
-    // Every read starts from a stale failure, which a success must clear.
-    std::error_code ec = winapi::make_win_error(ERROR_ACCESS_DENIED);
-};
-
-// Both readers over each kind of value. RegGetValueW fills the buffer with a
+// Both readers over each kind of value; every read starts from a stale
+// failure, which a success must clear. RegGetValueW fills the buffer with a
 // four-byte REG_BINARY or REG_SZ even as it rejects the type: 0 all the same.
-TEST_F(RegistryValues, EachReaderTakesItsOwnTypeOnly)
+// Then a text changes size between the reader's size query and its read:
+// the test's own RegGetValueW (linked in with --wrap) stores the other text
+// right after a size query. One that grew fails with ERROR_MORE_DATA, one
+// that shrank is read whole and no longer.
+TEST(RegistryValues, EachReaderTakesItsOwnTypeAndATextThatChangesSizeBetweenTheTwoReads)
 {
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, kKey);
     const DWORD number = 0x12345678;
     wchar_t expanded[MAX_PATH];
     ASSERT_NE(0u, ExpandEnvironmentStringsW(L"%SystemRoot%\\x", expanded, MAX_PATH));
@@ -67,44 +64,59 @@ TEST_F(RegistryValues, EachReaderTakesItsOwnTypeOnly)
                            Row{L"multi", REG_MULTI_SZ, L"a\0b\0", 10, type, type, L""},
                            Row{L"absent", REG_SZ, nullptr, 0, absent, absent, L""}})
     {
+        SCOPED_TRACE(row.name);
         if (row.data != nullptr)
         {
             ASSERT_EQ(0, RegSetKeyValueW(HKEY_LOCAL_MACHINE, kKey, row.name, row.type, row.data, row.bytes));
         }
-        const uint32_t value = get_dword_value(HKEY_LOCAL_MACHINE, kKey, row.name, ec);
-        EXPECT_EQ(value, row.dwordStatus == 0 ? number : 0) << row.name;
-        EXPECT_EQ(ec, Status(row.dwordStatus)) << row.name;
+        std::error_code ec = winapi::make_win_error(ERROR_ACCESS_DENIED);
+        EXPECT_EQ(get_dword_value(HKEY_LOCAL_MACHINE, kKey, row.name, ec), row.dwordStatus == 0 ? number : 0);
+        EXPECT_EQ(ec, Status(row.dwordStatus));
         ec = winapi::make_win_error(ERROR_ACCESS_DENIED);
-        EXPECT_EQ(get_string_value(HKEY_LOCAL_MACHINE, kKey, row.name, ec), row.text) << row.name;
-        EXPECT_EQ(ec, Status(row.textStatus)) << row.name;
+        EXPECT_EQ(get_string_value(HKEY_LOCAL_MACHINE, kKey, row.name, ec), row.text);
+        EXPECT_EQ(ec, Status(row.textStatus));
     }
-}
 
-// The text changes size between the reader's size query and its read: the
-// test's own RegGetValueW (linked in with --wrap) stores the other text
-// right after a size query. One that grew fails with ERROR_MORE_DATA, one
-// that shrank is read whole and no longer.
-TEST_F(RegistryValues, StringThatChangesSizeBetweenTheTwoReads)
-{
     const std::wstring shortText = L"s", longText(4000, L'b');
     const struct
     {
         const std::wstring &before, &after;
         uint32_t status;
         const std::wstring& read;
-    } rows[] = {{shortText, longText, ERROR_MORE_DATA, L""}, {longText, shortText, 0, shortText}};
-    for (const auto& row : rows)
+    } moving[] = {{shortText, longText, ERROR_MORE_DATA, L""}, {longText, shortText, 0, shortText}};
+    for (const auto& row : moving)
     {
-        auto store = [&](const std::wstring& text) {
+        SCOPED_TRACE(row.before.size());
+        const auto store = [&](const std::wstring& text) {
             return RegSetKeyValueW(HKEY_LOCAL_MACHINE, kKey, L"moving", REG_SZ, text.c_str(),
                                    static_cast<DWORD>(text.size() + 1) * sizeof(wchar_t));
         };
         ASSERT_EQ(0, store(row.before));
         betweenReads = [&] { store(row.after); };
-        EXPECT_EQ(get_string_value(HKEY_LOCAL_MACHINE, kKey, L"moving", ec), row.read) << row.before.size();
-        EXPECT_EQ(ec, Status(row.status)) << row.before.size();
+        std::error_code ec = winapi::make_win_error(ERROR_ACCESS_DENIED);
+        EXPECT_EQ(get_string_value(HKEY_LOCAL_MACHINE, kKey, L"moving", ec), row.read);
+        EXPECT_EQ(ec, Status(row.status));
         EXPECT_FALSE(betweenReads) << "one size query";
     }
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, kKey);
+}
+
+TEST(WinErrorCategory, OneNamedObjectWithTheSystemsTextsOrUnknownErrorAndTheUnsignedCode)
+{
+    const std::error_category& category = winapi::win_category();
+    EXPECT_EQ(&category, &winapi::win_category());
+    EXPECT_STREQ(category.name(), "win_error");
+    const std::error_code failure = winapi::make_win_error(5);
+    EXPECT_EQ(failure.value(), 5);
+    EXPECT_EQ(&failure.category(), &category);
+    EXPECT_EQ(category.default_error_condition(5), std::error_condition(5, category));
+
+    const std::string text = category.message(5);
+    EXPECT_EQ(text.rfind("unknown error", 0), std::string::npos);
+    ASSERT_GE(text.size(), 2u);
+    EXPECT_EQ(text.substr(text.size() - 2), "\r\n") << "the system's line end is kept";
+    EXPECT_EQ(text.find('\0'), std::string::npos);
+    EXPECT_EQ(category.message(-1), "unknown error 4294967295");
 }
 } // namespace
 
