@@ -31,23 +31,16 @@ constexpr InterfaceId kForeign{0x0123456789abcdefull, 0xfedcba9876543210ull};
 bool IsAllocated(const void* p)
 {
     const auto heap = reinterpret_cast<HANDLE>(_get_heap_handle());
-    const auto* byte = static_cast<const BYTE*>(p);
+    const auto at = reinterpret_cast<std::uintptr_t>(p);
     bool allocated = false;
     HeapLock(heap);
-    PROCESS_HEAP_ENTRY entry{};
-    while (!allocated && HeapWalk(heap, &entry))
+    for (PROCESS_HEAP_ENTRY entry{}; !allocated && HeapWalk(heap, &entry);)
     {
-        const auto* data = static_cast<const BYTE*>(entry.lpData);
-        allocated = (entry.wFlags & PROCESS_HEAP_ENTRY_BUSY) != 0 && byte >= data && byte < data + entry.cbData;
+        const auto data = reinterpret_cast<std::uintptr_t>(entry.lpData);
+        allocated = (entry.wFlags & PROCESS_HEAP_ENTRY_BUSY) != 0 && at >= data && at < data + entry.cbData;
     }
     HeapUnlock(heap);
     return allocated;
-}
-
-template <class Fn>
-Fn Export(HMODULE module, const char* name)
-{
-    return reinterpret_cast<Fn>(reinterpret_cast<void*>(GetProcAddress(module, name)));
 }
 
 // Rejected creates leave the count alone, as do destroys that name no object
@@ -58,8 +51,8 @@ TEST(FactoryTest, OneSharedObjectUntilTheLastDestroy)
 {
     const UniqueModule module(LoadLibraryW(L"ProductCfgPlg.dll"));
     ASSERT_TRUE(module) << "LoadLibraryW failed: " << GetLastError();
-    const auto create = Export<CreateFn>(module.get(), "QmCreateObject");
-    const auto destroy = Export<DestroyFn>(module.get(), "QmDestroyObject");
+    const auto create = reinterpret_cast<CreateFn>(reinterpret_cast<void*>(GetProcAddress(module.get(), "QmCreateObject")));
+    const auto destroy = reinterpret_cast<DestroyFn>(reinterpret_cast<void*>(GetProcAddress(module.get(), "QmDestroyObject")));
     ASSERT_NE(create, nullptr);
     ASSERT_NE(destroy, nullptr);
 

@@ -10,7 +10,7 @@
 // Under a reference of its own, a trace scope "ProbeTrace" around a message
 // line with text; library receives the path of the library the reference
 // keeps loaded, or an empty text.
-extern "C" void ProbeTrace(const wchar_t* text, wchar_t (*library)[MAX_PATH])
+extern "C" __declspec(dllexport) void ProbeTrace(const wchar_t* text, wchar_t (*library)[MAX_PATH])
 {
     (*library)[0] = L'\0';
     CLogDLLRef ref;
