@@ -65,6 +65,7 @@ TEST(FactoryTest, OneSharedObjectUntilTheLastDestroy)
     for (const Row& row : {Row{kName, kMixedAB, kInvalidData}, Row{kName, kMixedBA, kInvalidData},
                            Row{L"ProductConfigPlg", ids::ServPluginA, kNotFound},
                            Row{L"someotherplg", ids::ServPluginB, kNotFound}, Row{L"someotherplg", kForeign, kInvalidData},
+                           Row{kName, {kForeign.first, ids::ServPluginB.second}, kInvalidData},
                            Row{L"", ids::ServPluginA, kNotFound}, Row{nullptr, ids::ServPluginA, kInvalidData}})
     {
         SCOPED_TRACE(testing::Message() << "name " << (row.name ? row.name : L"(null)") << ", id 0x" << std::hex
