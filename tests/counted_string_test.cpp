@@ -81,7 +81,8 @@ void ExpectHolds(const CountedString& s, const std::string& text, std::size_t ca
 TEST(CountedStringTest, AssignGrowsByTheTable)
 {
     constexpr std::size_t kNoStorage = ~std::size_t{0};
-    const std::size_t rows[][3] = {{64, 100, 128}, {1024, 2000, 2048}, {1024, 5000, 5000}, {128, 10, 128}, {kNoStorage, 0, 64}};
+    const std::size_t rows[][3] = {{64, 100, 128}, {1024, 2000, 2048}, {2000, 2100, 3024}, {1024, 5000, 5000},
+                                   {128, 10, 128}, {kNoStorage, 0, 64}};
     for (const auto& [capacity, length, grown] : rows)
     {
         for (const bool host : {false, capacity != kNoStorage})
