@@ -34,15 +34,22 @@ struct HostMgr
     bool fail = false;
 };
 void* HostAlloc(HostMgr* m, std::uint64_t size) { ++m->calls[0]; return m->fail ? nullptr : FencedAlloc(size); }
-void* HostRealloc(HostMgr* m, void* p, std::uint64_t size) { ++m->calls[1]; return m->fail || p ? nullptr : FencedAlloc(size); }
-void HostFree(HostMgr* m, void* block) // a block lies in the first 64 KiB of its allocation
+void* HostRealloc(HostMgr* m, void* p, std::uint64_t size)
 {
-    ++m->calls[2];
-    VirtualFree(reinterpret_cast<void*>(reinterpret_cast<std::uintptr_t>(block) & ~std::uintptr_t{0xFFFF}), 0, MEM_RELEASE);
+    ++m->calls[1];
+    return m->fail || p ? nullptr : FencedAlloc(size);
+}
+void HostFree(HostMgr* m, void* block)
+{
+    ++m->calls[2]; // a block lies in the first 64 KiB of its allocation
+    const auto base = reinterpret_cast<std::uintptr_t>(block) & ~std::uintptr_t{0xFFFF};
+    VirtualFree(reinterpret_cast<void*>(base), 0, MEM_RELEASE);
 }
 void HostRelease(HostMgr* m) { ++m->calls[3]; }
-const void* const kHostTable[] = {reinterpret_cast<const void*>(&HostAlloc), reinterpret_cast<const void*>(&HostRealloc),
-    reinterpret_cast<const void*>(&HostFree), reinterpret_cast<const void*>(&HostRelease)};
+const void* const kHostTable[] = {reinterpret_cast<const void*>(&HostAlloc),
+                                  reinterpret_cast<const void*>(&HostRealloc),
+                                  reinterpret_cast<const void*>(&HostFree),
+                                  reinterpret_cast<const void*>(&HostRelease)};
 
 // A string as the host makes it; ownsBlock 0: the block is foreign to m.
 void AdoptHostString(CountedString& s, HostMgr& m, const char* text, std::size_t capacity, std::uint8_t ownsBlock = 1)

@@ -51,8 +51,10 @@ TEST(FactoryTest, OneSharedObjectUntilTheLastDestroy)
 {
     const UniqueModule module(LoadLibraryW(L"ProductCfgPlg.dll"));
     ASSERT_TRUE(module) << "LoadLibraryW failed: " << GetLastError();
-    const auto create = reinterpret_cast<CreateFn>(reinterpret_cast<void*>(GetProcAddress(module.get(), "QmCreateObject")));
-    const auto destroy = reinterpret_cast<DestroyFn>(reinterpret_cast<void*>(GetProcAddress(module.get(), "QmDestroyObject")));
+    const auto create =
+        reinterpret_cast<CreateFn>(reinterpret_cast<void*>(GetProcAddress(module.get(), "QmCreateObject")));
+    const auto destroy =
+        reinterpret_cast<DestroyFn>(reinterpret_cast<void*>(GetProcAddress(module.get(), "QmDestroyObject")));
     ASSERT_NE(create, nullptr);
     ASSERT_NE(destroy, nullptr);
 
@@ -64,7 +66,8 @@ TEST(FactoryTest, OneSharedObjectUntilTheLastDestroy)
     };
     for (const Row& row : {Row{kName, kMixedAB, kInvalidData}, Row{kName, kMixedBA, kInvalidData},
                            Row{L"ProductConfigPlg", ids::ServPluginA, kNotFound},
-                           Row{L"someotherplg", ids::ServPluginB, kNotFound}, Row{L"someotherplg", kForeign, kInvalidData},
+                           Row{L"someotherplg", ids::ServPluginB, kNotFound},
+                           Row{L"someotherplg", kForeign, kInvalidData},
                            Row{kName, {kForeign.first, ids::ServPluginB.second}, kInvalidData},
                            Row{L"", ids::ServPluginA, kNotFound}, Row{nullptr, ids::ServPluginA, kInvalidData}})
     {

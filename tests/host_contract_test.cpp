@@ -56,15 +56,18 @@ TEST(SimEventQueue, TimersRunInOrderOnTheQueueThreadAndAreReleasedOnce)
     const auto note = [&](const char* what) {
         return [&, what] {
             const bool onCaller = std::this_thread::get_id() == caller;
-            host.journal.Record(std::string("ran ") + what + "@" + std::to_string(host.queue.Now()) + (onCaller ? "!" : ""));
+            const std::string at = "@" + std::to_string(host.queue.Now());
+            host.journal.Record(std::string("ran ") + what + at + (onCaller ? " on the caller's thread" : ""));
         };
     };
     const TimerHandle timers[] = {Arm(host, L"late", 300, kNoRepeat, note("late")),
-                                  Arm(host, L"hourly", 100, 250, note("hourly")), Arm(host, L"tie", 100, kNoRepeat, note("tie"))};
+                                  Arm(host, L"hourly", 100, 250, note("hourly")),
+                                  Arm(host, L"tie", 100, kNoRepeat, note("tie"))};
     host.queue.Advance(99);
     EXPECT_TRUE(host.journal.LinesStartingWith("ran ").empty());
     host.queue.Advance(500);
-    EXPECT_EQ(host.journal.LinesStartingWith("ran "), (Texts{"ran hourly@100", "ran tie@100", "ran late@300", "ran hourly@350"}));
+    EXPECT_EQ(host.journal.LinesStartingWith("ran "),
+              (Texts{"ran hourly@100", "ran tie@100", "ran late@300", "ran hourly@350"}));
     EXPECT_EQ(host.queue.Now(), 599u);
     EXPECT_EQ(host.queue.LiveTimers(), 3u);
     for (const TimerHandle handle : timers)

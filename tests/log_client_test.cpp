@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
 #include <filesystem>
 #include <fstream>
 #include <thread>
@@ -265,7 +264,8 @@ TEST_F(LogClientTest, ThreadsLoadUnloadAndWriteConcurrently)
 
 TEST(TraceScopeRecord, NamesAreCutToTheirArraysAndElapsedTimeSurvivesTheWrap)
 {
-    for (const auto& [length, displayed, function] : {std::array<size_t, 3>{257, 257, 257}, {258, 257, 258}, {260, 257, 259}})
+    const size_t rows[][3] = {{257, 257, 257}, {258, 257, 258}, {260, 257, 259}}; // length, displayed, function
+    for (const auto& [length, displayed, function] : rows)
     {
         SCOPED_TRACE(length);
         std::wstring name;

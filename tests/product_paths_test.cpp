@@ -62,7 +62,8 @@ TEST(ProductPaths, KeyPathsAndTheVpnShortcutFollowTheSettings)
         const wchar_t *deleted, *kept; // null: no file name
     };
     const wchar_t *acme = L"Acme", *quill = L"Quillmarten";
-    for (const Row& row : {Row{acme, Missing::Null, L".DEFAULT\\SOFTWARE\\Sub_ID_Acme", L"Acme\\Onboarding", acme, quill},
+    for (const Row& row : {Row{acme, Missing::Null, L".DEFAULT\\SOFTWARE\\Sub_ID_Acme", L"Acme\\Onboarding", acme,
+                               quill},
                            Row{L"", Missing::Null, L".DEFAULT\\SOFTWARE\\Sub_ID_", L"\\Onboarding", quill, acme},
                            Row{L"<error-not-foune>", Missing::Null, L".DEFAULT\\SOFTWARE\\Sub_ID_<error-not-foune>",
                                L"<error-not-foune>\\Onboarding", nullptr, nullptr},
