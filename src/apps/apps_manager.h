@@ -13,6 +13,7 @@
 #include "host/components.h"
 #include "host/holders.h"
 #include "support/log_client.h"
+#include "support/srw_mutex.h"
 
 class CAppsManager
 {
@@ -60,6 +61,6 @@ private:
     ComponentHolder<IProductAgentCommClient> productAgent;
     // Held for the whole of _EnableVpn: the timer's check and "EnableVpn"
     // may both get there at once.
-    std::mutex vpnMutex;
+    SrwMutex vpnMutex;
     CLogDLLRef logRef;
 };

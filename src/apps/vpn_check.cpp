@@ -73,7 +73,7 @@ uint32_t CAppsManager::_EnableVpn()
 {
     constexpr wchar_t kName[] = L"CAppsManager::_EnableVpn";
     TraceScope trace(kName);
-    std::lock_guard<std::mutex> lock(vpnMutex);
+    std::lock_guard<SrwMutex> lock(vpnMutex);
     const std::wstring appId = _GetAppId(L".vpn");
     IModuleInfo* module = nullptr;
     const Status status = productAgent->GetModuleInfo(appId.c_str(), &module);

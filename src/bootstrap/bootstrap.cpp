@@ -118,7 +118,7 @@ bool CBootstrap::IsCommercialIdDifferent(const std::string& commid)
         return false;
     }
     logger_stream(logging::LevelInfo, kName) << "commid: " << commid;
-    std::lock_guard<std::mutex> lock(commercialIdMutex);
+    std::lock_guard<SrwMutex> lock(commercialIdMutex);
     return commid != commercialId;
 }
 
@@ -146,7 +146,7 @@ bool CBootstrap::UpdateBootstrapData(const std::string& commid)
 
     if (!_SaveBootstrapData(document.serialize()))
         return false;
-    std::lock_guard<std::mutex> lock(commercialIdMutex);
+    std::lock_guard<SrwMutex> lock(commercialIdMutex);
     commercialId = commid;
     return true;
 }

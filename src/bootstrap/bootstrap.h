@@ -14,6 +14,7 @@
 #include "host/holders.h"
 #include "host/plugin.h"
 #include "support/log_client.h"
+#include "support/srw_mutex.h"
 
 class CBootstrap
 {
@@ -59,7 +60,7 @@ public:
     bool contactsEnabled = true;
 
 private:
-    std::mutex commercialIdMutex;
+    SrwMutex commercialIdMutex;
     std::string commercialId; // guarded by commercialIdMutex once events flow
     CLogDLLRef logRef;
 };

@@ -85,7 +85,7 @@ void CProductConfigurationPlg::_DoConfig()
     const bool seccenterAllowed = _IsSeccenterAllowedWhenNoAccount();
     ProductCfgStatus snapshot;
     {
-        std::lock_guard<std::mutex> lock(statusMutex);
+        std::lock_guard<SrwMutex> lock(statusMutex);
         productCfgStatus.seccenterAllowed = seccenterAllowed;
         logger_stream(logging::LevelInfo, L"CProductConfigurationPlg::_DoConfig")
             << "cfgStatus = " << productCfgStatus.cfgStatus << "; " << "comStatus = " << productCfgStatus.comStatus;
@@ -101,7 +101,7 @@ bool CProductConfigurationPlg::_IsSeccenterAllowedWhenNoAccount()
 {
     constexpr wchar_t kName[] = L"CProductConfigurationPlg::_IsSeccenterAllowedWhenNoAccount";
     {
-        std::lock_guard<std::mutex> lock(subscriptionMutex);
+        std::lock_guard<SrwMutex> lock(subscriptionMutex);
         if (storedSubscription.AccountId[0] == '\0')
         {
             // Without an account the seccenter is granted once: the marker

@@ -44,7 +44,7 @@ uint32_t CProductConfigurationPlg::_GetDelay()
 void CProductConfigurationPlg::_StartProductCfgTimer()
 {
     TraceScope trace(L"CProductConfigurationPlg::_StartProductCfgTimer");
-    std::lock_guard<std::mutex> lock(timerMutex);
+    std::lock_guard<SrwMutex> lock(timerMutex);
     CancelAndDeleteTimer(productCfgTimer);
     auto item = MakeWorkItem<ProductCfgTimerItem>(L"CProductConfigurationPlg::_ProductCfgTimer", this,
                                                   &CProductConfigurationPlg::_ProductCfgTimer);
@@ -58,20 +58,20 @@ void CProductConfigurationPlg::_ProductCfgTimer()
     TraceScope trace(kName);
     // Held across the cloud request of the commercial update too: a status
     // change waits for it.
-    std::unique_lock<std::mutex> status(statusMutex);
+    std::unique_lock<SrwMutex> status(statusMutex);
 
     if (productCfgStatus.comStatus == 1)
     {
         std::string commercialId;
         {
-            std::lock_guard<std::mutex> lock(subscriptionMutex);
+            std::lock_guard<SrwMutex> lock(subscriptionMutex);
             commercialId = FixedText(storedSubscription.CommercialId);
         }
         if (!commercialId.empty() && bootstrap.UpdateBootstrapData(commercialId))
         {
             // This runs as the timer's own item: cancel only. A busy
             // timerMutex means its holder is about to replace or delete it.
-            std::unique_lock<std::mutex> timer(timerMutex, std::try_to_lock);
+            std::unique_lock<SrwMutex> timer(timerMutex, std::try_to_lock);
             if (timer.owns_lock())
                 eventQueue->CancelTimer(productCfgTimer);
             productCfgStatus.comStatus = 2;
@@ -149,7 +149,7 @@ uint32_t CProductConfigurationPlg::_WaitIfProcessIsRunning()
     // duplicate of our own, which stays valid and is set all the same.
     UniqueHandle stop;
     {
-        std::lock_guard<std::mutex> lock(stopEventMutex);
+        std::lock_guard<SrwMutex> lock(stopEventMutex);
         HANDLE duplicate = nullptr;
         if (stopEvent && DuplicateHandle(GetCurrentProcess(), stopEvent.get(), GetCurrentProcess(), &duplicate,
                                          SYNCHRONIZE, FALSE, 0))

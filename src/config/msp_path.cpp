@@ -68,7 +68,7 @@ void CProductConfigurationPlg::OnGetUserInfoExAsync(IUserInfo* info)
 
         _ChangeMspFlagInRegistry(msp);
         {
-            std::lock_guard<std::mutex> lock(statusMutex);
+            std::lock_guard<SrwMutex> lock(statusMutex);
             productCfgStatus.mspStatus = 1;
         }
         if (msp)

@@ -33,13 +33,13 @@ void CProductConfigurationPlg::OnSessionChange(uint32_t time, uint32_t event, vo
 
 std::string CProductConfigurationPlg::GetBundleId()
 {
-    std::lock_guard<std::mutex> lock(subscriptionMutex);
+    std::lock_guard<SrwMutex> lock(subscriptionMutex);
     return FixedText(storedSubscription.BundleId);
 }
 
 int32_t CProductConfigurationPlg::GetServerProductType()
 {
-    std::lock_guard<std::mutex> lock(subscriptionMutex);
+    std::lock_guard<SrwMutex> lock(subscriptionMutex);
     return storedSubscription.ServerProductType;
 }
 

@@ -13,7 +13,7 @@ void CProductConfigurationPlg::_RefreshSubscription(const SubscriptionData& data
     logger_stream(logging::LevelInfo, L"CProductConfigurationPlg::_RefreshSubscription")
         << "ServerProductType = " << data.ServerProductType << ", ProductType = " << data.ProductType;
     {
-        std::lock_guard<std::mutex> lock(subscriptionMutex);
+        std::lock_guard<SrwMutex> lock(subscriptionMutex);
         storedSubscription = data;
     }
     wscHandler.UnregisterFirewallIfNeeded();
@@ -43,11 +43,11 @@ void CProductConfigurationPlg::_SetConfigurationStatus()
     int32_t serverType = 0;
     int32_t localType = 0;
     {
-        std::lock_guard<std::mutex> lock(subscriptionMutex);
+        std::lock_guard<SrwMutex> lock(subscriptionMutex);
         serverType = storedSubscription.ServerProductType;
         localType = storedSubscription.ProductType;
     }
-    std::lock_guard<std::mutex> lock(statusMutex);
+    std::lock_guard<SrwMutex> lock(statusMutex);
     if (serverType != 0)
         productCfgStatus.cfgStatus = serverType != localType ? 1 : 0;
     logger_stream(logging::LevelInfo, L"CProductConfigurationPlg::_SetConfigurationStatus")
@@ -59,12 +59,12 @@ void CProductConfigurationPlg::_SetCommercialStatus()
     TraceScope trace(L"CProductConfigurationPlg::_SetCommercialStatus");
     std::string commercialId;
     {
-        std::lock_guard<std::mutex> lock(subscriptionMutex);
+        std::lock_guard<SrwMutex> lock(subscriptionMutex);
         commercialId = FixedText(storedSubscription.CommercialId);
     }
     // commercialIdMutex of bootstrap is taken under statusMutex, never the
     // other way round.
-    std::lock_guard<std::mutex> lock(statusMutex);
+    std::lock_guard<SrwMutex> lock(statusMutex);
     if (bootstrap.contactsEnabled)
     {
         if (commercialId.empty())

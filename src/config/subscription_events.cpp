@@ -57,7 +57,7 @@ void CProductConfigurationPlg::_OnSubscriptionChanged(SubscriptionData data, boo
 bool CProductConfigurationPlg::_IsAfterAccountLogin(SubscriptionData data)
 {
     TraceScope trace(L"CProductConfigurationPlg::_IsAfterAccountLogin");
-    std::lock_guard<std::mutex> lock(subscriptionMutex);
+    std::lock_guard<SrwMutex> lock(subscriptionMutex);
     return data.AccountId[0] != '\0' && storedSubscription.AccountId[0] != '\0';
 }
 

@@ -184,7 +184,7 @@ Status CProductConfigurationPlg::_Start()
     const DWORD lastError = GetLastError();
     const bool failed = !event || lastError == ERROR_ALREADY_EXISTS;
     {
-        std::lock_guard<std::mutex> lock(stopEventMutex);
+        std::lock_guard<SrwMutex> lock(stopEventMutex);
         stopEvent = std::move(event);
     }
     if (failed)
@@ -231,7 +231,7 @@ void CProductConfigurationPlg::_Stop()
     if (waitThread.joinable())
         waitThread.join();
     {
-        std::lock_guard<std::mutex> lock(stopEventMutex);
+        std::lock_guard<SrwMutex> lock(stopEventMutex);
         stopEvent.reset();
     }
     installDoneEvent.reset();
@@ -239,7 +239,7 @@ void CProductConfigurationPlg::_Stop()
     wscHandler.Stop();
 
     {
-        std::lock_guard<std::mutex> lock(timerMutex);
+        std::lock_guard<SrwMutex> lock(timerMutex);
         CancelAndDeleteTimer(productCfgTimer);
     }
     CancelAndDeleteTimer(appsCheckTimer);

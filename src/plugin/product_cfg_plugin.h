@@ -20,6 +20,7 @@
 #include "host/sinks.h"
 #include "host/work_item.h"
 #include "support/log_client.h"
+#include "support/srw_mutex.h"
 #include "support/unique_resource.h"
 #include "wsc/wsc_handler.h"
 
@@ -173,12 +174,12 @@ private:
     UniqueHandle stopEvent;
     // Guards the value of stopEvent between Stop, which closes it, and a
     // timer item, which takes its own duplicate to wait on. A leaf lock.
-    std::mutex stopEventMutex;
+    SrwMutex stopEventMutex;
     // Lock order: statusMutex first; subscriptionMutex may be taken under it,
     // timerMutex only tried under it. timerMutex is held across WaitTimer.
-    std::mutex subscriptionMutex;
-    std::mutex timerMutex;
-    std::mutex statusMutex;
+    SrwMutex subscriptionMutex;
+    SrwMutex timerMutex;
+    SrwMutex statusMutex;
     SubscriptionData storedSubscription;
     // Written by an atomic exchange on the reply thread, read without a lock.
     std::atomic<bool> isMsp{false};
