@@ -1,4 +1,5 @@
-# Cross build for 64-bit Windows with mingw-w64 (posix thread model).
+# Cross build for 64-bit Windows with the mingw-w64 GCC (posix thread model):
+# the second compiler (cmake --preset gcc builds everything with it).
 set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR x86_64)
 

@@ -23,8 +23,31 @@ int Unusable(const std::string& message)
     return runner::kExitUnusable;
 }
 
+// --crash-in-plugin: a test of the shipped symbols, never of the plugin's
+// behaviour. Hands Init a host pointer into a page that cannot be read, so
+// that the plugin's own code faults at its first call of the host, and the
+// process ends the way a crash in the field ends it.
+int CrashInPlugin()
+{
+    std::string error;
+    const std::optional<runner::PluginLibrary> library = runner::PluginLibrary::Load(L"ProductCfgPlg.dll", error);
+    if (!library)
+        return Unusable(error);
+    IServPlugin* plugin = nullptr;
+    if (library->Create(L"productconfigplg", ids::ServPluginA, plugin) != 0 || plugin == nullptr)
+        return Unusable("QmCreateObject failed");
+    void* page = VirtualAlloc(nullptr, 4096, MEM_RESERVE | MEM_COMMIT, PAGE_NOACCESS);
+    if (page == nullptr)
+        return Unusable("VirtualAlloc failed");
+    std::fprintf(stderr, "OrbhubSim: Init with an unreadable host at %p\n", page);
+    std::fflush(stderr);
+    return static_cast<int>(plugin->Init(static_cast<IServMain*>(page)));
+}
+
 int Run(int argc, wchar_t** argv)
 {
+    if (argc == 2 && std::wstring(argv[1]) == L"--crash-in-plugin")
+        return CrashInPlugin();
     std::wstring jsonPath;
     if (argc == 4 && std::wstring(argv[1]) == L"--json")
     {

@@ -5,12 +5,13 @@ set -euo pipefail
 
 packages=(
   cmake ninja-build
-  g++-mingw-w64-x86-64-posix    # x86_64-w64-mingw32-g++-posix, -gcc-posix
+  clang-16 lld-16 llvm-16       # the shipped build: clang, ld.lld writing the PDB, llvm-pdbutil,
+                                # llvm-symbolizer; also the host built for Microsoft's C++ ABI
+  g++-mingw-w64-x86-64-posix    # libstdc++ and headers for the build; GCC, the second compiler
   binutils-mingw-w64-x86-64     # x86_64-w64-mingw32-windres, -objdump
   mingw-w64-x86-64-dev          # Windows headers and import libraries
   wine64                        # /usr/lib/wine/wine64, wineserver
   picojson-dev googletest
-  clang lld                     # the host built for Microsoft's C++ ABI; the second compiler
   coreutils util-linux          # timeout, realpath, mktemp; flock
 )
 

@@ -341,8 +341,10 @@ TEST_F(FaultSweep, EverySettingInEveryFormLeavesAWholeLife)
         {227, L"Desktop"}, {203, L"app"},    {400, L"Desktop"},
     };
     const std::wstring longText(32 * 1024, L'k');
-    for (const auto& [number, section] : settings)
+    for (const auto& setting : settings)
     {
+        const uint32_t number = setting.first;
+        const wchar_t* const section = setting.second;
         const std::vector<std::pair<const char*, std::function<void(sim::Host&)>>> forms = {
             {"null", [&](sim::Host& host) { host.config.Remove(number, section); }},
             {"not found",

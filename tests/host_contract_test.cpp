@@ -186,7 +186,8 @@ TEST(ComponentHolder, GivesBackOnceUnderItsName)
         target = std::move(source);
         EXPECT_EQ(host.components.Released(L"productinfo"), 3u);
         EXPECT_EQ(host.components.Released(L"connect_integrator"), 0u);
-        target = std::move(target);
+        auto& itself = target; // moved to itself, it keeps its component
+        target = std::move(itself);
         EXPECT_TRUE(target);
     }
     EXPECT_EQ(host.components.Released(L"connect_integrator"), 1u);

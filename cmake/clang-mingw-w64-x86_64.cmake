@@ -1,0 +1,70 @@
+# Cross build for 64-bit Windows with clang and lld (Debian's clang-16 and
+# lld-16, apt-get install clang-16 lld-16 llvm-16), on the mingw-w64 headers
+# and the posix-thread libstdc++ of the mingw-w64 GCC; lld writes a PDB for
+# the DLL. The build that ships and that every test runs against.
+#
+# libstdc++'s GCC-built objects place template functions in COMDAT sections
+# (std::wstring's _M_create, _M_assign and the like) whose unwind entries,
+# .pdata$<name> and .xdata$<name>, are COMDAT sections that have no section
+# symbol. GNU ld pairs them by name; lld (16, 19 and 22 alike) drops them,
+# and an exception thrown through such a function then unwinds with a wrong
+# frame: a caller's saved registers come back wrong, or no handler is found
+# and the process terminates. The build therefore links against a copy of
+# libstdc++.a whose unwind sections are plain sections, made once per build
+# folder with objcopy; lld then keeps the entries of the functions it keeps.
+
+set(CMAKE_SYSTEM_NAME Windows)
+set(CMAKE_SYSTEM_PROCESSOR x86_64)
+
+set(PCP_LLVM_BIN /usr/lib/llvm-16/bin)
+set(CMAKE_C_COMPILER ${PCP_LLVM_BIN}/clang)
+set(CMAKE_CXX_COMPILER ${PCP_LLVM_BIN}/clang++)
+set(CMAKE_C_COMPILER_TARGET x86_64-w64-mingw32)
+set(CMAKE_CXX_COMPILER_TARGET x86_64-w64-mingw32)
+set(CMAKE_RC_COMPILER x86_64-w64-mingw32-windres)
+set(CMAKE_AR ${PCP_LLVM_BIN}/llvm-ar)
+set(CMAKE_RANLIB ${PCP_LLVM_BIN}/llvm-ranlib)
+set(CMAKE_OBJDUMP x86_64-w64-mingw32-objdump)
+
+set(CMAKE_FIND_ROOT_PATH /usr/x86_64-w64-mingw32)
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+
+# clang does not find Debian's "12-posix" GCC folder by itself: its C++
+# headers and libraries are named here.
+file(GLOB _pcp_gcc_dirs LIST_DIRECTORIES true /usr/lib/gcc/x86_64-w64-mingw32/*-posix)
+list(GET _pcp_gcc_dirs 0 PCP_MINGW_GCC_DIR)
+set(_pcp_cxx ${PCP_MINGW_GCC_DIR}/include/c++)
+# -femulated-tls: thread-local variables as GCC's libstdc++ for mingw-w64 has
+# them. -gcodeview: debug information as Microsoft's debuggers read it, which
+# lld gathers into a PDB. Source paths are recorded relative to the checkout.
+set(_pcp_common "--sysroot=/usr/x86_64-w64-mingw32 -femulated-tls -gcodeview")
+set(CMAKE_C_FLAGS_INIT "${_pcp_common}")
+set(CMAKE_CXX_FLAGS_INIT "${_pcp_common} -nostdinc++ -isystem ${_pcp_cxx} -isystem ${_pcp_cxx}/x86_64-w64-mingw32 -isystem ${_pcp_cxx}/backward")
+# The copy of libstdc++.a lives in the first build folder that reads this
+# file; CMake's own trial builds are told where.
+if(NOT PCP_LIBSTDCXX_DIR)
+  set(PCP_LIBSTDCXX_DIR ${CMAKE_BINARY_DIR}/deps/lib)
+endif()
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES PCP_LIBSTDCXX_DIR)
+if(NOT EXISTS ${PCP_LIBSTDCXX_DIR}/libstdc++.a)
+  file(MAKE_DIRECTORY ${PCP_LIBSTDCXX_DIR})
+  execute_process(
+    COMMAND x86_64-w64-mingw32-objcopy
+      "--set-section-flags=.pdata$*=contents,alloc,load,readonly,data"
+      "--set-section-flags=.xdata$*=contents,alloc,load,readonly,data"
+      ${PCP_MINGW_GCC_DIR}/libstdc++.a ${PCP_LIBSTDCXX_DIR}/libstdc++.a.part
+    RESULT_VARIABLE _pcp_objcopy)
+  if(NOT _pcp_objcopy EQUAL 0)
+    message(FATAL_ERROR "objcopy could not copy libstdc++.a with plain unwind sections")
+  endif()
+  file(RENAME ${PCP_LIBSTDCXX_DIR}/libstdc++.a.part ${PCP_LIBSTDCXX_DIR}/libstdc++.a)
+endif()
+
+# libgcc_eh's emulated thread-local storage needs winpthread, linked statically.
+set(_pcp_link "--ld-path=${PCP_LLVM_BIN}/ld.lld -L${PCP_LIBSTDCXX_DIR} -L${PCP_MINGW_GCC_DIR} -Wno-unused-command-line-argument")
+set(CMAKE_EXE_LINKER_FLAGS_INIT "${_pcp_link}")
+set(CMAKE_SHARED_LINKER_FLAGS_INIT "${_pcp_link}")
+set(CMAKE_CXX_STANDARD_LIBRARIES "-Wl,-Bstatic -lpthread")
