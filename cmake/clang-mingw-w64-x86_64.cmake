@@ -43,28 +43,25 @@ set(_pcp_cxx ${PCP_MINGW_GCC_DIR}/include/c++)
 set(_pcp_common "--sysroot=/usr/x86_64-w64-mingw32 -femulated-tls -gcodeview")
 set(CMAKE_C_FLAGS_INIT "${_pcp_common}")
 set(CMAKE_CXX_FLAGS_INIT "${_pcp_common} -nostdinc++ -isystem ${_pcp_cxx} -isystem ${_pcp_cxx}/x86_64-w64-mingw32 -isystem ${_pcp_cxx}/backward")
-# The copy of libstdc++.a lives in the first build folder that reads this
-# file; CMake's own trial builds are told where.
-if(NOT PCP_LIBSTDCXX_DIR)
-  set(PCP_LIBSTDCXX_DIR ${CMAKE_BINARY_DIR}/deps/lib)
-endif()
-list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES PCP_LIBSTDCXX_DIR)
-if(NOT EXISTS ${PCP_LIBSTDCXX_DIR}/libstdc++.a)
-  file(MAKE_DIRECTORY ${PCP_LIBSTDCXX_DIR})
+# The copy of libstdc++.a: deps/lib in the build folder, named relative to it
+# (links run there), so that the path that the PDB records names no checkout.
+# CMake's own trial builds link against the original, which is enough there.
+if(NOT CMAKE_IN_TRY_COMPILE AND NOT EXISTS ${CMAKE_BINARY_DIR}/deps/lib/libstdc++.a)
+  file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/deps/lib)
   execute_process(
     COMMAND x86_64-w64-mingw32-objcopy
       "--set-section-flags=.pdata$*=contents,alloc,load,readonly,data"
       "--set-section-flags=.xdata$*=contents,alloc,load,readonly,data"
-      ${PCP_MINGW_GCC_DIR}/libstdc++.a ${PCP_LIBSTDCXX_DIR}/libstdc++.a.part
+      ${PCP_MINGW_GCC_DIR}/libstdc++.a ${CMAKE_BINARY_DIR}/deps/lib/libstdc++.a.part
     RESULT_VARIABLE _pcp_objcopy)
   if(NOT _pcp_objcopy EQUAL 0)
     message(FATAL_ERROR "objcopy could not copy libstdc++.a with plain unwind sections")
   endif()
-  file(RENAME ${PCP_LIBSTDCXX_DIR}/libstdc++.a.part ${PCP_LIBSTDCXX_DIR}/libstdc++.a)
+  file(RENAME ${CMAKE_BINARY_DIR}/deps/lib/libstdc++.a.part ${CMAKE_BINARY_DIR}/deps/lib/libstdc++.a)
 endif()
 
 # libgcc_eh's emulated thread-local storage needs winpthread, linked statically.
-set(_pcp_link "--ld-path=${PCP_LLVM_BIN}/ld.lld -L${PCP_LIBSTDCXX_DIR} -L${PCP_MINGW_GCC_DIR} -Wno-unused-command-line-argument")
+set(_pcp_link "--ld-path=${PCP_LLVM_BIN}/ld.lld -Ldeps/lib -L${PCP_MINGW_GCC_DIR} -Wno-unused-command-line-argument")
 set(CMAKE_EXE_LINKER_FLAGS_INIT "${_pcp_link}")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT "${_pcp_link}")
 set(CMAKE_CXX_STANDARD_LIBRARIES "-Wl,-Bstatic -lpthread")

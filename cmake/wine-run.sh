@@ -12,6 +12,8 @@
 # standard output while it runs (its errors still come at the end);
 # PCP_WINE_MERGE=1 sends its errors into its output, in the order written
 # (the runner and the plugin's log library write to one stream each).
+# PCP_WINE_GTEST=1 (set for every test case by CTest) turns a GoogleTest
+# program that ends with status 0 without its verdict into a failure.
 set -u
 prefix=$(realpath -m "$1")
 shift
@@ -43,6 +45,12 @@ fi
 wait $pid
 rc=$?
 [ $rc -eq 124 ] && echo "wine-run: $1 timed out after $limit s" >>"$tmp/err"
+# PCP_WINE_GTEST=1: a GoogleTest program that ends with status 0 but never
+# printed its verdict (the process ended in the middle of a case) failed.
+if [ "${PCP_WINE_GTEST:-0}" = 1 ] && [ $rc -eq 0 ] && ! grep -qE '^\[  (PASSED  |SKIPPED )\]' "$tmp/out"; then
+  echo "wine-run: $1 ended with status 0 before GoogleTest gave its verdict" >>"$tmp/err"
+  rc=1
+fi
 if [ -n "${shown:-}" ]; then
   wait "$shown"
 else

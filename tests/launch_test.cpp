@@ -57,9 +57,20 @@ extern decltype(&GetTokenInformation) __real___imp_GetTokenInformation;
 extern decltype(&DuplicateTokenEx) __real___imp_DuplicateTokenEx;
 extern decltype(&SetTokenInformation) __real___imp_SetTokenInformation;
 extern decltype(&CreateProcessAsUserW) __real___imp_CreateProcessAsUserW;
+// GNU ld wraps a thunk by its name; lld points the thunk of a wrapped name
+// at the wrapper itself, so with lld (PCP_WRAP_THUNK_POINTERS) the thunks'
+// import pointers are wrapped instead.
+#if PCP_WRAP_THUNK_POINTERS
+extern decltype(&CreateEnvironmentBlock) __real___imp_CreateEnvironmentBlock;
+extern decltype(&WTSEnumerateSessionsW) __real___imp_WTSEnumerateSessionsW;
+extern decltype(&WTSQuerySessionInformationW) __real___imp_WTSQuerySessionInformationW;
+#define REAL(name) __real___imp_##name
+#else
 WINBOOL WINAPI __real_CreateEnvironmentBlock(LPVOID*, HANDLE, WINBOOL);
 WINBOOL WINAPI __real_WTSEnumerateSessionsW(HANDLE, DWORD, DWORD, PWTS_SESSION_INFOW*, DWORD*);
 WINBOOL WINAPI __real_WTSQuerySessionInformationW(HANDLE, DWORD, WTS_INFO_CLASS, LPWSTR*, DWORD*);
+#define REAL(name) __real_##name
+#endif
 
 decltype(&OpenProcessToken) __wrap___imp_OpenProcessToken = [](HANDLE process, DWORD access, PHANDLE token) {
     return WINBOOL{!Fails("OpenProcessToken") && __real___imp_OpenProcessToken(process, access, token)};
@@ -97,21 +108,41 @@ decltype(&CreateProcessAsUserW) __wrap___imp_CreateProcessAsUserW =
                                                  environment, directory, startup, created);
     };
 
+static WINBOOL WINAPI WrappedCreateEnvironmentBlock(LPVOID* block, HANDLE token, WINBOOL inherit)
+{
+    return !Fails("CreateEnvironmentBlock") && REAL(CreateEnvironmentBlock)(block, token, inherit);
+}
+static WINBOOL WINAPI WrappedWTSEnumerateSessionsW(HANDLE server, DWORD reserved, DWORD version,
+                                                   PWTS_SESSION_INFOW* list, DWORD* count)
+{
+    return !Fails("WTSEnumerateSessionsW") && REAL(WTSEnumerateSessionsW)(server, reserved, version, list, count);
+}
+static WINBOOL WINAPI WrappedWTSQuerySessionInformationW(HANDLE server, DWORD session, WTS_INFO_CLASS type,
+                                                         LPWSTR* text, DWORD* bytes)
+{
+    return !Fails("WTSQuerySessionInformationW") &&
+           REAL(WTSQuerySessionInformationW)(server, session, type, text, bytes);
+}
+#if PCP_WRAP_THUNK_POINTERS
+decltype(&CreateEnvironmentBlock) __wrap___imp_CreateEnvironmentBlock = WrappedCreateEnvironmentBlock;
+decltype(&WTSEnumerateSessionsW) __wrap___imp_WTSEnumerateSessionsW = WrappedWTSEnumerateSessionsW;
+decltype(&WTSQuerySessionInformationW) __wrap___imp_WTSQuerySessionInformationW = WrappedWTSQuerySessionInformationW;
+#else
 WINBOOL WINAPI __wrap_CreateEnvironmentBlock(LPVOID* block, HANDLE token, WINBOOL inherit)
 {
-    return !Fails("CreateEnvironmentBlock") && __real_CreateEnvironmentBlock(block, token, inherit);
+    return WrappedCreateEnvironmentBlock(block, token, inherit);
 }
 WINBOOL WINAPI __wrap_WTSEnumerateSessionsW(HANDLE server, DWORD reserved, DWORD version, PWTS_SESSION_INFOW* list,
                                             DWORD* count)
 {
-    return !Fails("WTSEnumerateSessionsW") && __real_WTSEnumerateSessionsW(server, reserved, version, list, count);
+    return WrappedWTSEnumerateSessionsW(server, reserved, version, list, count);
 }
 WINBOOL WINAPI __wrap_WTSQuerySessionInformationW(HANDLE server, DWORD session, WTS_INFO_CLASS type, LPWSTR* text,
                                                   DWORD* bytes)
 {
-    return !Fails("WTSQuerySessionInformationW") &&
-           __real_WTSQuerySessionInformationW(server, session, type, text, bytes);
+    return WrappedWTSQuerySessionInformationW(server, session, type, text, bytes);
 }
+#endif
 }
 
 namespace
