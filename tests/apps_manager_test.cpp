@@ -297,7 +297,10 @@ TEST_F(PluginTest, AppsManagerInitFailureGivesEverythingBack)
         EXPECT_EQ(host->components.Outstanding(), 0);
         EXPECT_EQ(host->components.Requested(name), nth);
     }
-    // Alone, the manager gives back "productinfo" when the agent fails.
+    // Alone, the manager gives back "productinfo" when the agent fails. The
+    // plugin goes first: after a failed Init it still holds its serial
+    // execution, which it gives back to the host that made it.
+    DestroyPlugin();
     host = std::make_unique<sim::Host>();
     host->components.FailFrom(L"productagentcommclient", 1, 6);
     Internal internal;
