@@ -19,7 +19,7 @@ mkdir "$stage/$name"
 cp "$bin/ProductCfgPlg.dll" "$bin/ProductCfgPlg.pdb" "$stage/$name/"
 
 llvm=/usr/lib/llvm-16/bin
-compiler=$(grep -m1 '^CMAKE_CXX_COMPILER:' build/CMakeCache.txt | cut -d= -f2)
+compiler=$(sed -n 's/^set(CMAKE_CXX_COMPILER "\(.*\)")$/\1/p' build/CMakeFiles/*/CMakeCXXCompiler.cmake | head -1)
 {
   echo "ProductCfgPlg $version for 64-bit Windows"
   echo
@@ -34,10 +34,11 @@ compiler=$(grep -m1 '^CMAKE_CXX_COMPILER:' build/CMakeCache.txt | cut -d= -f2)
   echo
   echo "Exports:"
   x86_64-w64-mingw32-objdump -p "$bin/ProductCfgPlg.dll" |
-    awk '/^\[Ordinal\/Name Pointer\] Table/ { t = 1; next } t && /^[ \t]*$/ { exit } t { gsub(/[][]/, " "); print "  @" $1 + 1, $2 }'
+    awk '/^\[Ordinal\/Name Pointer\] Table/ { t = 1; next } t && /^[ \t]*$/ { t = 0 } t { gsub(/[][]/, " "); print "  @" $1 + 1, $2 }'
   echo
   echo "PDB identity:"
-  "$llvm/llvm-readobj" --coff-debug-directory "$bin/ProductCfgPlg.dll" | sed -n 's/^ *\(PDBGUID\|PDBAge\|PDBFileName\): /  \1: /p'
+  "$llvm/llvm-pdbutil" dump --summary "$bin/ProductCfgPlg.pdb" | sed -n 's/^ *\(GUID\|Age\): /  \1: /p'
+  "$llvm/llvm-readobj" --coff-debug-directory "$bin/ProductCfgPlg.dll" | sed -n 's/^ *PDBFileName: /  named by the DLL as: /p'
   echo
   echo "The DLL is not signed: signing belongs to the suite's release pipeline."
 } >"$stage/$name/README.txt"
@@ -46,6 +47,6 @@ compiler=$(grep -m1 '^CMAKE_CXX_COMPILER:' build/CMakeCache.txt | cut -d= -f2)
 mkdir -p dist
 rm -f "dist/$name.zip"
 # One fixed time on every entry, so that the archive depends on its content only.
-(cd "$stage" && cmake -E tar cf "$root/dist/$name.zip" --format=zip --mtime=2000-01-01T00:00:00Z "$name")
+(cd "$stage" && cmake -E tar cf "$root/dist/$name.zip" --format=zip "--mtime=2000-01-01 00:00:00 UTC" "$name")
 echo "dist/$name.zip:"
 (cd "$stage/$name" && ls -l --time-style=+ ProductCfgPlg.dll ProductCfgPlg.pdb SHA256SUMS README.txt | awk '{ print "  " $NF, $5 " bytes" }')
