@@ -13,6 +13,7 @@ packages=(
   wine64                        # /usr/lib/wine/wine64, wineserver
   picojson-dev googletest
   coreutils util-linux          # timeout, realpath, mktemp; flock
+  zip                           # scripts/package.sh
 )
 
 missing=()

@@ -46,7 +46,10 @@ compiler=$(sed -n 's/^set(CMAKE_CXX_COMPILER "\(.*\)")$/\1/p' build/CMakeFiles/*
 
 mkdir -p dist
 rm -f "dist/$name.zip"
-# One fixed time on every entry, so that the archive depends on its content only.
-(cd "$stage" && cmake -E tar cf "$root/dist/$name.zip" --format=zip "--mtime=2000-01-01 00:00:00 UTC" "$name")
+# One fixed time on every entry and no extra fields (-X: no access or change
+# times, no owners), so that the archive depends on its content only.
+touch -d '2000-01-01 00:00:00 UTC' "$stage/$name" "$stage/$name"/*
+(cd "$stage" && TZ=UTC zip -q -X -D "$root/dist/$name.zip" \
+  "$name/ProductCfgPlg.dll" "$name/ProductCfgPlg.pdb" "$name/SHA256SUMS" "$name/README.txt")
 echo "dist/$name.zip:"
 (cd "$stage/$name" && ls -l --time-style=+ ProductCfgPlg.dll ProductCfgPlg.pdb SHA256SUMS README.txt | awk '{ print "  " $NF, $5 " bytes" }')
