@@ -4,7 +4,8 @@
 # OrbhubSim --crash-in-plugin hands Init a host pointer that cannot be read.
 # Wine reports the faulting address and the DLL's load address; the offset
 # between them, symbolized with llvm-symbolizer through the DLL's PDB, must
-# name CProductConfigurationPlg::_Init in src/plugin/product_cfg_plugin.cpp.
+# name CProductConfigurationPlg::_Init in src/plugin/product_cfg_plugin.cpp;
+# the PDB must be the one the DLL names, as a debugger requires.
 set -u
 llvm=$1 wine_run=$2 prefix=$3 bin=$4
 out=$(PCP_WINE_TIMEOUT=60 PCP_WINE_MERGE=1 bash "$wine_run" "$prefix" "$bin/OrbhubSim.exe" --crash-in-plugin 2>&1)
@@ -29,6 +30,8 @@ rva=$((fault - base))
 stage=$(mktemp -d)
 trap 'rm -rf "$stage"' EXIT
 cp "$bin/ProductCfgPlg.dll" "$bin/ProductCfgPlg.pdb" "$stage/" || exit 1
+. "$(dirname "${BASH_SOURCE[0]}")/pdb_identity.sh"
+identity=$(pdb_identity "$llvm" "$stage/ProductCfgPlg.dll" "$stage/ProductCfgPlg.pdb") || fail "$identity"
 image_base=$("$llvm/llvm-readobj" --file-headers "$stage/ProductCfgPlg.dll" | sed -n 's/.*ImageBase: \(0x[0-9A-Fa-f]*\).*/\1/p')
 symbol=$("$llvm/llvm-symbolizer" --obj="$stage/ProductCfgPlg.dll" "$(printf '0x%x' $((image_base + rva)))")
 function=$(sed -n 1p <<<"$symbol")

@@ -17,21 +17,9 @@ dll=$stage/ProductCfgPlg.dll pdb=$stage/ProductCfgPlg.pdb
 failures=0
 fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
 
-# Identity. The debug directory gives the GUID as its 16 bytes in file order,
-# the PDB as text whose first three groups are those bytes little-endian.
-debug=$("$llvm/llvm-readobj" --coff-debug-directory "$dll") || { echo "FAIL: llvm-readobj $dll"; exit 1; }
-summary=$("$llvm/llvm-pdbutil" dump --summary "$pdb") || { echo "FAIL: llvm-pdbutil $pdb"; exit 1; }
-read -r -a b <<<"$(sed -n 's/.*PDBGUID: (\(.*\)).*/\1/p' <<<"$debug")"
-dll_guid=""
-if [ ${#b[@]} -eq 16 ]; then
-  dll_guid="{${b[3]}${b[2]}${b[1]}${b[0]}-${b[5]}${b[4]}-${b[7]}${b[6]}-${b[8]}${b[9]}-${b[10]}${b[11]}${b[12]}${b[13]}${b[14]}${b[15]}}"
-fi
-dll_age=$(sed -n 's/.*PDBAge: \([0-9]*\).*/\1/p' <<<"$debug")
-pdb_guid=$(sed -n 's/.*GUID: \({.*}\).*/\1/p' <<<"$summary")
-pdb_age=$(sed -n 's/^ *Age: \([0-9]*\).*/\1/p' <<<"$summary")
-[ -n "$dll_guid" ] || fail "$dll has no PDB reference (RSDS record)"
-[ "$dll_guid" = "$pdb_guid" ] || fail "the DLL names PDB GUID $dll_guid, the PDB is $pdb_guid"
-[ -n "$dll_age" ] && [ "$dll_age" = "$pdb_age" ] || fail "the DLL names PDB age '$dll_age', the PDB has '$pdb_age'"
+# Identity: the PDB is the one the DLL names.
+. "$(dirname "${BASH_SOURCE[0]}")/pdb_identity.sh"
+identity=$(pdb_identity "$llvm" "$dll" "$pdb") || fail "$identity"
 
 # Addresses. A public is "addr = SECTION:OFFSET" (decimal offset) into the
 # DLL's sections, numbered from 1 in their order.
@@ -76,4 +64,4 @@ if [ $failures -ne 0 ]; then
   echo "$failures problem(s) with $3 and $4"
   exit 1
 fi
-echo "OK: $3 and $4 match (GUID $dll_guid, age $dll_age) and symbolize"
+echo "OK: $3 and $4 match (GUID and age $identity) and symbolize"
