@@ -13,24 +13,16 @@
 # libstdc++.a whose unwind sections are plain sections, made once per build
 # folder with objcopy; lld then keeps the entries of the functions it keeps.
 
-set(CMAKE_SYSTEM_NAME Windows)
-set(CMAKE_SYSTEM_PROCESSOR x86_64)
+include(${CMAKE_CURRENT_LIST_DIR}/mingw-w64-target.cmake)
 
 set(PCP_LLVM_BIN /usr/lib/llvm-16/bin)
 set(CMAKE_C_COMPILER ${PCP_LLVM_BIN}/clang)
 set(CMAKE_CXX_COMPILER ${PCP_LLVM_BIN}/clang++)
 set(CMAKE_C_COMPILER_TARGET x86_64-w64-mingw32)
 set(CMAKE_CXX_COMPILER_TARGET x86_64-w64-mingw32)
-set(CMAKE_RC_COMPILER x86_64-w64-mingw32-windres)
 set(CMAKE_AR ${PCP_LLVM_BIN}/llvm-ar)
 set(CMAKE_RANLIB ${PCP_LLVM_BIN}/llvm-ranlib)
 set(CMAKE_OBJDUMP x86_64-w64-mingw32-objdump)
-
-set(CMAKE_FIND_ROOT_PATH /usr/x86_64-w64-mingw32)
-set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
 # clang does not find Debian's "12-posix" GCC folder by itself: its C++
 # headers and libraries are named here.
