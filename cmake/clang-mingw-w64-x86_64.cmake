@@ -12,6 +12,9 @@
 # and the process terminates. The build therefore links against a copy of
 # libstdc++.a whose unwind sections are plain sections, made once per build
 # folder with objcopy; lld then keeps the entries of the functions it keeps.
+# In that copy the symbols of code sections are also typed as functions, so
+# that lld lists libstdc++'s functions that vtables reach in the table of
+# valid call targets (see cmake/coff_code_section_symbols.py).
 
 include(${CMAKE_CURRENT_LIST_DIR}/mingw-w64-target.cmake)
 
@@ -20,6 +23,8 @@ set(CMAKE_C_COMPILER ${PCP_LLVM_BIN}/clang)
 set(CMAKE_CXX_COMPILER ${PCP_LLVM_BIN}/clang++)
 set(CMAKE_C_COMPILER_TARGET x86_64-w64-mingw32)
 set(CMAKE_CXX_COMPILER_TARGET x86_64-w64-mingw32)
+set(CMAKE_ASM_COMPILER ${PCP_LLVM_BIN}/clang)
+set(CMAKE_ASM_COMPILER_TARGET x86_64-w64-mingw32)
 set(CMAKE_AR ${PCP_LLVM_BIN}/llvm-ar)
 set(CMAKE_RANLIB ${PCP_LLVM_BIN}/llvm-ranlib)
 set(CMAKE_OBJDUMP x86_64-w64-mingw32-objdump)
@@ -38,7 +43,10 @@ set(CMAKE_CXX_FLAGS_INIT "${_pcp_common} -nostdinc++ -isystem ${_pcp_cxx} -isyst
 # The copy of libstdc++.a: deps/lib in the build folder, named relative to it
 # (links run there), so that the path that the PDB records names no checkout.
 # CMake's own trial builds link against the original, which is enough there.
-if(NOT CMAKE_IN_TRY_COMPILE AND NOT EXISTS ${CMAKE_BINARY_DIR}/deps/lib/libstdc++.a)
+# The stamp names what was done to the copy; a copy made without typing is
+# made again.
+set(_pcp_libstdcxx_stamp ${CMAKE_BINARY_DIR}/deps/lib/libstdc++.a.plain-unwind-typed-code)
+if(NOT CMAKE_IN_TRY_COMPILE AND NOT EXISTS ${_pcp_libstdcxx_stamp})
   file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/deps/lib)
   execute_process(
     COMMAND x86_64-w64-mingw32-objcopy
@@ -49,7 +57,14 @@ if(NOT CMAKE_IN_TRY_COMPILE AND NOT EXISTS ${CMAKE_BINARY_DIR}/deps/lib/libstdc+
   if(NOT _pcp_objcopy EQUAL 0)
     message(FATAL_ERROR "objcopy could not copy libstdc++.a with plain unwind sections")
   endif()
+  execute_process(
+    COMMAND python3 ${CMAKE_CURRENT_LIST_DIR}/coff_code_section_symbols.py ${CMAKE_BINARY_DIR}/deps/lib/libstdc++.a.part
+    RESULT_VARIABLE _pcp_typed OUTPUT_QUIET)
+  if(NOT _pcp_typed EQUAL 0)
+    message(FATAL_ERROR "the code section symbols of libstdc++.a could not be typed as functions")
+  endif()
   file(RENAME ${CMAKE_BINARY_DIR}/deps/lib/libstdc++.a.part ${CMAKE_BINARY_DIR}/deps/lib/libstdc++.a)
+  file(TOUCH ${_pcp_libstdcxx_stamp})
 endif()
 
 # libgcc_eh's emulated thread-local storage needs winpthread, linked statically.

@@ -14,6 +14,7 @@ packages=(
   picojson-dev googletest
   coreutils util-linux          # timeout, realpath, mktemp; flock
   zip                           # scripts/package.sh
+  python3                       # cmake/coff_code_section_symbols.py, run on the build's copy of libstdc++.a
 )
 
 missing=()
