@@ -683,6 +683,9 @@ void Player::PrintSummary()
     Say("SetConnectAppState calls: " + std::to_string(host.productAgent.ConnectStateCalls().size()));
     Say("host contract errors: " + std::to_string(contractErrors));
     Say("expectations not met: " + std::to_string(unmetExpectations));
+    Say(library.Guarded() ? "Control Flow Guard: " + std::to_string(sim::GuardCheckedCalls()) +
+                                " indirect calls checked, none stopped"
+                          : std::string("Control Flow Guard: not in this build of the DLL"));
     if (failures.empty())
     {
         Say("result: ok");

@@ -43,7 +43,7 @@ Function Export(HMODULE module, const char* name)
 }
 } // namespace
 
-PluginLibrary::PluginLibrary(UniqueModule module, std::wstring path, CreateFunction create, DestroyFunction destroy)
+PluginLibrary::PluginLibrary(sim::GuardedLibrary module, std::wstring path, CreateFunction create, DestroyFunction destroy)
     : module(std::move(module)), path(std::move(path)), create(create), destroy(destroy)
 {
 }
@@ -57,10 +57,10 @@ std::optional<PluginLibrary> PluginLibrary::Load(const std::wstring& fileName, s
         return std::nullopt;
     }
     std::wstring path = folder + fileName;
-    UniqueModule module(LoadLibraryW(path.c_str()));
+    sim::GuardedLibrary module(path.c_str());
     if (!module)
     {
-        error = "LoadLibraryW " + sim::Narrow(path.c_str()) + " failed: " + std::to_string(GetLastError());
+        error = sim::Narrow(path.c_str()) + ": " + module.Error();
         return std::nullopt;
     }
     auto create = Export<CreateFunction>(module.get(), "QmCreateObject");

@@ -6,7 +6,7 @@
 // file that does not open, a wait thread that cannot start a failed wait.
 #include "fault_injector.h"
 #include "plugin_fixture.h"
-#include "support/unique_resource.h"
+#include "simhost/guarded_library.h"
 
 namespace
 {
@@ -17,10 +17,10 @@ protected:
     static void SetUpTestSuite()
     {
         // The DLL stays loaded while the suite runs: the patched table with it.
-        keep = LoadLibraryW(L"ProductCfgPlg.dll");
-        installed = fault::Install(keep);
+        keep.emplace(L"ProductCfgPlg.dll");
+        installed = *keep && fault::Install(keep->get());
     }
-    static void TearDownTestSuite() { FreeLibrary(keep); }
+    static void TearDownTestSuite() { keep.reset(); }
     void SetUp() override
     {
         ASSERT_TRUE(installed);
@@ -53,11 +53,11 @@ protected:
     }
     std::string Caught(const std::string& entry) const { return entry + ": Exception caught: std::bad_alloc"; }
 
-    static HMODULE keep;
+    static std::optional<sim::GuardedLibrary> keep;
     static bool installed;
     SettingsFolder folder{L"pbt"};
 };
-HMODULE BoundaryTest::keep = nullptr;
+std::optional<sim::GuardedLibrary> BoundaryTest::keep;
 bool BoundaryTest::installed = false;
 } // namespace
 

@@ -11,7 +11,7 @@
 
 #include "host/interface_id.h"
 #include "host/plugin.h"
-#include "support/unique_resource.h"
+#include "simhost/guarded_library.h"
 
 namespace
 {
@@ -49,8 +49,8 @@ bool IsAllocated(const void* p)
 // next create builds another.
 TEST(FactoryTest, OneSharedObjectUntilTheLastDestroy)
 {
-    const UniqueModule module(LoadLibraryW(L"ProductCfgPlg.dll"));
-    ASSERT_TRUE(module) << "LoadLibraryW failed: " << GetLastError();
+    const sim::GuardedLibrary module(L"ProductCfgPlg.dll");
+    ASSERT_TRUE(module) << module.Error();
     const auto create =
         reinterpret_cast<CreateFn>(reinterpret_cast<void*>(GetProcAddress(module.get(), "QmCreateObject")));
     const auto destroy =

@@ -14,6 +14,7 @@
 #include "host/list.h"
 #include "host/subscription_record.h"
 #include "host/work_item.h"
+#include "simhost/guarded_library.h"
 #include "simhost/msvc/msvc_host_api.h"
 
 namespace
@@ -116,8 +117,14 @@ TEST(MsvcAbiTest, EverySlotThatCrossesIsReachedInTheHostsLayout)
     GetModuleFileNameW(nullptr, path, MAX_PATH);
     std::wstring directory(path);
     directory.resize(directory.find_last_of(L'\\') + 1);
-    HMODULE module = LoadLibraryW((directory + L"msvc_host.dll").c_str());
-    ASSERT_NE(module, nullptr) << "msvc_host.dll beside the test";
+    // Both modules with the guard enforced: the plugin's calls into the host
+    // and the host's into the plugin are checked against the callee's table.
+    const sim::GuardedLibrary host((directory + L"msvc_host.dll").c_str());
+    ASSERT_TRUE(host) << "msvc_host.dll beside the test: " << host.Error();
+    ASSERT_TRUE(host.Guarded()) << "msvc_host.dll is linked with Control Flow Guard";
+    const sim::GuardedLibrary plugin((directory + L"ProductCfgPlg.dll").c_str());
+    ASSERT_TRUE(plugin) << plugin.Error();
+    const HMODULE module = host.get();
 #define MSVC_HOST_RESOLVE(result, name, parameters)                                                                    \
     const auto name = reinterpret_cast<name##_fn>(reinterpret_cast<void*>(GetProcAddress(module, #name)));             \
     ASSERT_NE(name, nullptr) << #name;
@@ -172,6 +179,5 @@ TEST(MsvcAbiTest, EverySlotThatCrossesIsReachedInTheHostsLayout)
             EXPECT_GT(MsvcHost_Count(name.c_str()), 0) << name << ", reached by " << row.reachedBy;
         }
     }
-    FreeLibrary(module);
 }
 } // namespace

@@ -21,6 +21,7 @@
 #include "host/plugin.h"
 #include "log_capture.h"
 #include "registry_scratch.h"
+#include "simhost/guarded_library.h"
 #include "simhost/sim_host.h"
 
 using QmCreateObjectFn = Status (*)(const wchar_t*, const InterfaceId&, void**);
@@ -141,22 +142,20 @@ inline void ExpectNothingLeft(sim::Host& host)
     EXPECT_EQ(SinksOf(host), Sinks(5, 0));
 }
 
+// The DLL with the guard enforced on its indirect calls, as Windows does.
 class PluginModule
 {
 public:
-    PluginModule() : module(LoadLibraryW(L"ProductCfgPlg.dll"))
+    PluginModule() : module(L"ProductCfgPlg.dll")
     {
-        if (module != nullptr)
+        EXPECT_TRUE(module) << module.Error();
+        if (module)
         {
-            create = reinterpret_cast<QmCreateObjectFn>(reinterpret_cast<void*>(GetProcAddress(module, "QmCreateObject")));
-            destroy =
-                reinterpret_cast<QmDestroyObjectFn>(reinterpret_cast<void*>(GetProcAddress(module, "QmDestroyObject")));
+            create = reinterpret_cast<QmCreateObjectFn>(
+                reinterpret_cast<void*>(GetProcAddress(module.get(), "QmCreateObject")));
+            destroy = reinterpret_cast<QmDestroyObjectFn>(
+                reinterpret_cast<void*>(GetProcAddress(module.get(), "QmDestroyObject")));
         }
-    }
-    ~PluginModule()
-    {
-        if (module != nullptr)
-            FreeLibrary(module);
     }
     PluginModule(const PluginModule&) = delete;
     PluginModule& operator=(const PluginModule&) = delete;
@@ -173,7 +172,7 @@ public:
     void Destroy(IServPlugin* plugin) { destroy(L"productconfigplg", plugin); }
 
 private:
-    HMODULE module;
+    sim::GuardedLibrary module;
     QmCreateObjectFn create = nullptr;
     QmDestroyObjectFn destroy = nullptr;
 };
