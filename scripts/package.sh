@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds the shipped DLL (clang and lld, with its PDB) and writes
 # dist/ProductCfgPlg-VERSION-x64.zip: the DLL, its PDB, SHA256SUMS and
-# README.txt (version, compilers, exports). The DLL is not signed here.
+# README.txt (version, compilers, mitigations, exports). The DLL is not
+# signed here; a DLL that fails the binary check is not packaged.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 bash "$root/scripts/deps.sh"
@@ -19,6 +20,8 @@ mkdir "$stage/$name"
 cp "$bin/ProductCfgPlg.dll" "$bin/ProductCfgPlg.pdb" "$stage/$name/"
 
 llvm=/usr/lib/llvm-16/bin
+mitigations=$(bash tests/ship/binary_check.sh "$llvm" x86_64-w64-mingw32-windres "$bin/ProductCfgPlg.dll" "$bin/ProductCfgPlg.pdb") ||
+  { echo "$mitigations" >&2; echo "package: the DLL fails the binary check" >&2; exit 1; }
 compiler=$(sed -n 's/^set(CMAKE_CXX_COMPILER "\(.*\)")$/\1/p' build/CMakeFiles/*/CMakeCXXCompiler.cmake | head -1)
 {
   echo "ProductCfgPlg $version for 64-bit Windows"
@@ -31,6 +34,10 @@ compiler=$(sed -n 's/^set(CMAKE_CXX_COMPILER "\(.*\)")$/\1/p' build/CMakeFiles/*
   echo "  $("$compiler" --version | head -1) for x86_64-w64-mingw32"
   echo "  $("$llvm/ld.lld" --version | head -1)"
   echo "  libstdc++ of $(x86_64-w64-mingw32-g++-posix --version | head -1), linked statically"
+  echo "  -fstack-protector-strong and -mguard=cf on every object of the plugin"
+  echo
+  echo "Mitigations, as tests/ship/binary_check.sh reads them from the DLL and its PDB:"
+  sed -n '/^  Property/,/^  Imports/p' <<<"$mitigations" | grep -vE '^  (Property|Exports|Imports) '
   echo
   echo "Exports:"
   x86_64-w64-mingw32-objdump -p "$bin/ProductCfgPlg.dll" |
