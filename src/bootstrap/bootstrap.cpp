@@ -9,6 +9,7 @@
 #include "host/interface_id.h"
 #include "support/logger_stream.h"
 #include "support/product_paths.h"
+#include "support/registry_values.h"
 #include "support/trace_scope.h"
 
 namespace
@@ -76,7 +77,7 @@ void CBootstrap::_ReadContactsEnabled()
     DWORD value = 0;
     DWORD size = sizeof(value);
     const LSTATUS status =
-        RegGetValueW(HKEY_USERS, path->c_str(), L"Commercial_Details", RRF_RT_REG_DWORD, nullptr, &value, &size);
+        RegGetValueW(HKEY_USERS, path->c_str(), L"Commercial_Details", kDwordValueFlags, nullptr, &value, &size);
     if (status == ERROR_SUCCESS && value == 0)
         contactsEnabled = false;
 }

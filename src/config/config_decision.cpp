@@ -124,7 +124,7 @@ bool CProductConfigurationPlg::_IsSeccenterAllowedWhenNoAccount()
     {
         DWORD gsShowed = 0;
         DWORD size = sizeof(gsShowed);
-        if (RegGetValueW(HKEY_USERS, subscriptionKey->c_str(), L"GsShowed", RRF_RT_REG_DWORD, nullptr, &gsShowed,
+        if (RegGetValueW(HKEY_USERS, subscriptionKey->c_str(), L"GsShowed", kDwordValueFlags, nullptr, &gsShowed,
                          &size) == ERROR_FILE_NOT_FOUND)
             return true;
     }

@@ -31,7 +31,7 @@ uint32_t CProductConfigurationPlg::_GetDelay()
     DWORD seconds = 0;
     DWORD size = sizeof(seconds);
     const LSTATUS status =
-        RegGetValueW(HKEY_LOCAL_MACHINE, productKey, L"ProductCfgDelay", RRF_RT_REG_DWORD, nullptr, &seconds, &size);
+        RegGetValueW(HKEY_LOCAL_MACHINE, productKey, L"ProductCfgDelay", kDwordValueFlags, nullptr, &seconds, &size);
     if (status != ERROR_SUCCESS)
     {
         logger_stream(logging::LevelError, kName) << "get dword value failed, err: " << status;

@@ -6,6 +6,7 @@
 #include "support/boundary.h"
 #include "support/logger_stream.h"
 #include "support/product_paths.h"
+#include "support/registry_values.h"
 #include "support/trace_scope.h"
 
 void CProductConfigurationPlg::OnSubscriptionStatusChanged(const SubscriptionData* data)
@@ -21,7 +22,7 @@ void CProductConfigurationPlg::OnSubscriptionStatusChanged(const SubscriptionDat
             DWORD gsShowed = 0;
             DWORD size = sizeof(gsShowed);
             const LSTATUS read =
-                RegGetValueW(HKEY_USERS, path->c_str(), L"GsShowed", RRF_RT_REG_DWORD, nullptr, &gsShowed, &size);
+                RegGetValueW(HKEY_USERS, path->c_str(), L"GsShowed", kDwordValueFlags, nullptr, &gsShowed, &size);
             if (read == ERROR_FILE_NOT_FOUND)
                 logger_stream(logging::LevelInfo, kName) << "No gs showed in registry";
         }

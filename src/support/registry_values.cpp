@@ -12,7 +12,7 @@ uint32_t get_dword_value(HKEY root, const std::wstring& path, const std::wstring
     // a failure gives 0, never what the buffer holds.
     DWORD value = 0;
     DWORD size = sizeof value;
-    const LSTATUS status = RegGetValueW(root, path.c_str(), name.c_str(), RRF_RT_REG_DWORD, nullptr, &value, &size);
+    const LSTATUS status = RegGetValueW(root, path.c_str(), name.c_str(), kDwordValueFlags, nullptr, &value, &size);
     if (status != ERROR_SUCCESS)
     {
         ec = winapi::make_win_error(static_cast<uint32_t>(status));

@@ -10,6 +10,13 @@
 #include <string>
 #include <system_error>
 
+// RegGetValueW's flags for a read of a REG_DWORD into a four-byte buffer.
+// RRF_NOEXPAND: a REG_EXPAND_SZ value is refused as it is instead of being
+// expanded first. The result is the same (ERROR_UNSUPPORTED_TYPE), but
+// Wine's expansion counts the buffer's bytes as characters and writes twice
+// its size: past a DWORD on the stack.
+constexpr DWORD kDwordValueFlags = RRF_RT_REG_DWORD | RRF_NOEXPAND;
+
 // A REG_DWORD value. Any other type, a REG_BINARY of four bytes included,
 // fails with RegGetValueW's status (ERROR_UNSUPPORTED_TYPE); an absent key or
 // value with ERROR_FILE_NOT_FOUND.

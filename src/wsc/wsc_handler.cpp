@@ -9,6 +9,7 @@
 #include "support/boundary.h"
 #include "support/logger_stream.h"
 #include "support/product_paths.h"
+#include "support/registry_values.h"
 #include "support/trace_scope.h"
 
 namespace
@@ -107,7 +108,7 @@ bool CWscHandler::_WscUnregisterFailed()
         return false;
     DWORD value = 0;
     DWORD size = sizeof(value);
-    return RegGetValueW(HKEY_LOCAL_MACHINE, productKey, kMarkerName, RRF_RT_REG_DWORD, nullptr, &value, &size) ==
+    return RegGetValueW(HKEY_LOCAL_MACHINE, productKey, kMarkerName, kDwordValueFlags, nullptr, &value, &size) ==
            ERROR_SUCCESS;
 }
 
