@@ -45,6 +45,12 @@ Status ApplyRegistryValue(const scenario::RegistryValue& value)
         const LSTATUS status = RegDeleteKeyValueW(root, value.key.c_str(), name);
         return status == ERROR_FILE_NOT_FOUND ? 0 : static_cast<Status>(status);
     }
+    case scenario::RegistryType::AbsentKey:
+    {
+        // Named by a subkey path, the key itself goes too.
+        const LSTATUS status = RegDeleteTreeW(root, value.key.c_str());
+        return status == ERROR_FILE_NOT_FOUND ? 0 : static_cast<Status>(status);
+    }
     }
     return ERROR_INVALID_PARAMETER;
 }

@@ -122,9 +122,17 @@ void ReadRegistryFields(FieldReader& fields, RegistryValue& out)
         if (fields.Find("value") != nullptr)
             fields.Fail("value", "not allowed with type \"absent\"");
     }
+    else if (type == "absent_key")
+    {
+        out.type = RegistryType::AbsentKey;
+        if (fields.Find("value") != nullptr)
+            fields.Fail("value", "not allowed with type \"absent_key\"");
+        else if (!out.name.empty())
+            fields.Fail("name", "expected \"\" with type \"absent_key\", which deletes the whole key");
+    }
     else
     {
-        fields.Fail("type", "unknown type \"" + type + "\" (expected one of: dword, string, absent)");
+        fields.Fail("type", "unknown type \"" + type + "\" (expected one of: dword, string, absent, absent_key)");
     }
 }
 
@@ -184,6 +192,8 @@ Expectations ReadExpectations(FieldReader& fields, std::string& error)
                 value.OnlyKeys({"root", "key", "name", "type", "value"});
                 RegistryValue expected;
                 ReadRegistryFields(value, expected);
+                if (value.Ok() && expected.type == RegistryType::AbsentKey)
+                    value.Fail("type", "\"absent_key\" is for setting up; an expectation names values");
                 if (value.Ok())
                     expect.registry.push_back(expected);
             }
@@ -661,6 +671,8 @@ std::string Describe(const RegistryValue& value)
         return line + " = string " + Quoted(value.text);
     case RegistryType::Absent:
         return line + " absent";
+    case RegistryType::AbsentKey:
+        return std::string(RootName(value.root)) + "\\" + Narrow(value.key) + " absent with its subkeys";
     }
     return line;
 }

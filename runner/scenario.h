@@ -45,6 +45,7 @@ enum class RegistryType
     Dword,  // "dword": a number
     String, // "string": a text
     Absent, // "absent": the value is deleted if it exists
+    AbsentKey, // "absent_key": the key goes with its subkeys; name is ""
 };
 
 // A registry value written (or deleted) in the real registry of the prefix.

@@ -314,61 +314,6 @@ TEST_F(ConfigRunTest, SettingsThatCannotBeUsedAreLoggedOrSkippedAndTheDelayArmsT
     }
 }
 
-// The seccenter, without an account only once (the first-run marker), when
-// GsShowed is missing or the onboarding key exists; then the timer is armed.
-TEST_F(ConfigRunTest, SeccenterRuleArmsTheTimerExactlyWhenItAllows)
-{
-    struct Row
-    {
-        const char* what;
-        bool account, productKey, productId; // settings 217, and 44 for the subscription key
-        bool marker;                         // present as 0, else absent
-        int64_t gsShowed;
-        bool onboarding, allowed;
-        DWORD markerAfter;
-    };
-    const Row rows[] = {
-        {"no account, no product key", false, false, true, false, kNone, true, false, kNoValue},
-        {"no account, marker present", false, true, true, true, kNone, true, false, 0},
-        {"no account, first time, no GsShowed", false, true, true, false, kNone, false, true, 1},
-        {"no account, first time, GsShowed, no onboarding", false, true, true, false, 1, false, false, 1},
-        {"account, no GsShowed", true, true, true, false, kNone, false, true, kNoValue},
-        {"account, marker present, no GsShowed", true, true, true, true, kNone, false, true, 0},
-        {"account, GsShowed 0, onboarding", true, true, true, false, 0, true, true, kNoValue},
-        {"account, GsShowed 0, no onboarding", true, true, true, false, 0, false, false, kNoValue},
-        {"account, GsShowed unreadable, no onboarding", true, true, true, false, kText, false, false, kNoValue},
-        {"account, no subscription key, onboarding", true, true, false, false, kNone, true, true, kNoValue},
-        {"account, no subscription key, no onboarding", true, true, false, false, kNone, false, false, kNoValue},
-        {"account, no product key, GsShowed", true, false, true, false, 1, true, false, kNoValue},
-        {"account, no product key, no GsShowed", true, false, true, false, kNone, true, true, kNoValue},
-    };
-    const std::wstring onboardingKey = productKey + L"\\Onboarding";
-    ASSERT_NO_FATAL_FAILURE(StartPlugin());
-    for (const Row& row : rows)
-    {
-        SCOPED_TRACE(row.what);
-        Configure(*host);
-        if (!row.productKey)
-            host->config.Remove(217, L"Desktop");
-        if (!row.productId)
-            host->config.Remove(44, L"Desktop");
-        PutValue(HKEY_LOCAL_MACHINE, productKey, L"product_config_first_run", row.marker ? 0 : kNone);
-        PutValue(HKEY_USERS, subscriptionKey, L"GsShowed", row.gsShowed); // kText: unreadable
-        RegDeleteKeyW(HKEY_LOCAL_MACHINE, onboardingKey.c_str());
-        if (row.onboarding)
-            registry.SetDword(HKEY_LOCAL_MACHINE, onboardingKey, L"Step", 1);
-
-        log.Clear();
-        const size_t armings = Armings();
-        Deliver(Record(3, 3, 1, row.account ? "account-1" : ""));
-        EXPECT_EQ(Armings() - armings, row.allowed ? 1u : 0u);
-        EXPECT_EQ(registry.Dword(HKEY_LOCAL_MACHINE, productKey, L"product_config_first_run"), row.markerAfter);
-        EXPECT_EQ(log.Contains("INFO", kPlugin + "_IsSeccenterAllowedWhenNoAccount: get_dword_value failed, err:2"),
-                  !row.account && row.productKey && !row.marker);
-        EXPECT_TRUE(log.Contains("INFO", kPlugin + "_DoConfig: cfgStatus = 0; comStatus = 0"));
-    }
-}
-
 // An earlier ProductCfg.exe from the host's folder delays the launch, unless
 // the context switches; one from elsewhere does not. Stop ends the wait.
 TEST_F(ConfigRunTest, EarlierProductCfgDelaysTheLaunchOnlyFromTheHostsFolderAndWithoutSwitchContext)

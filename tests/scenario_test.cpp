@@ -67,6 +67,12 @@ TEST(ScenarioParse, RefusesMalformedInputWithPlaceAndExpectation)
         {"{\"registry\": [{\"root\": \"HKLM\", \"key\": \"k\", \"name\": \"n\", \"type\": \"absent\", \"value\": 1}], "
          "\"steps\": []}",
          "registry[0].value: not allowed with type \"absent\""},
+        {"{\"registry\": [{\"root\": \"HKLM\", \"key\": \"k\", \"name\": \"n\", \"type\": \"absent_key\"}], "
+         "\"steps\": []}",
+         "registry[0].name: expected \"\" with type \"absent_key\", which deletes the whole key"},
+        {"{\"steps\": [{\"do\": \"start\", \"expect\": {\"registry\": [{\"root\": \"HKLM\", \"key\": \"k\", "
+         "\"name\": \"\", \"type\": \"absent_key\"}]}}]}",
+         "steps[0].expect.registry[0].type: \"absent_key\" is for setting up; an expectation names values"},
         {"{\"registry\": [{\"root\": \"HKLM\", \"key\": \"k\", \"name\": \"n\", \"type\": \"string\", \"value\": 1}], "
          "\"steps\": []}",
          "registry[0].value: expected a text, found a number"},
@@ -143,7 +149,8 @@ TEST(ScenarioParse, ValidScenarioBecomesTheRecord)
       "registry": [
         {"root": "HKU", "key": ".DEFAULT\\SOFTWARE\\Sub_ID_X", "name": "GsShowed", "type": "dword", "value": 4294967295},
         {"root": "HKLM", "key": "SOFTWARE\\Q", "name": "", "type": "string", "value": "gr\u00fc\u00df"},
-        {"root": "HKCU", "key": "SOFTWARE\\Q", "name": "old", "type": "absent"}
+        {"root": "HKCU", "key": "SOFTWARE\\Q", "name": "old", "type": "absent"},
+        {"root": "HKLM", "key": "SOFTWARE\\Q\\Sub", "name": "", "type": "absent_key"}
       ],
       "host_service_status": 0,
       "fail_components": {"productinfo": 5, "connect_integrator": 1168},
@@ -191,7 +198,8 @@ TEST(ScenarioParse, ValidScenarioBecomesTheRecord)
               (std::vector<RegistryValue>{
                   {RegistryRoot::Users, L".DEFAULT\\SOFTWARE\\Sub_ID_X", L"GsShowed", RegistryType::Dword, 0xFFFFFFFFu, L""},
                   {RegistryRoot::LocalMachine, L"SOFTWARE\\Q", L"", RegistryType::String, 0, L"gr\u00fc\u00df"},
-                  {RegistryRoot::CurrentUser, L"SOFTWARE\\Q", L"old", RegistryType::Absent, 0, L""}}));
+                  {RegistryRoot::CurrentUser, L"SOFTWARE\\Q", L"old", RegistryType::Absent, 0, L""},
+                  {RegistryRoot::LocalMachine, L"SOFTWARE\\Q\\Sub", L"", RegistryType::AbsentKey, 0, L""}}));
     EXPECT_EQ(s.hostServiceStatus, 0u);
     EXPECT_EQ(s.failComponents, (std::map<std::wstring, uint32_t>{{L"productinfo", 5}, {L"connect_integrator", 1168}}));
     EXPECT_EQ(s.failSerialExecution, 8u);
