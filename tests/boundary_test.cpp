@@ -4,7 +4,10 @@
 // afterwards the next event is handled as usual and Stop and UnInit come down
 // cleanly. Failures that throw nothing: a read error on the data file is a
 // file that does not open, a wait thread that cannot start a failed wait.
+#include <thread>
+
 #include "fault_injector.h"
+#include "plugin/product_cfg_plugin.h"
 #include "plugin_fixture.h"
 #include "simhost/guarded_library.h"
 
@@ -102,6 +105,19 @@ TEST_F(BoundaryTest, AThrowAtEachKindOfEntryEndsInItsGuardAndTheNextEventWorks)
         EXPECT_EQ(log.Count("ERROR", Caught(entry)), 0u);
         EXPECT_EQ(log.Count("TRACE", entry + ": <- "), 1u) << "the next event works";
     }
+
+    // A thread's record of its exceptions goes back when its entry returns:
+    // seventy threads, each with a throw inside an entry, never fill the
+    // table of 64 records, past which a record would come from calloc.
+    auto* events = static_cast<ISubscriptionEvents*>(static_cast<CProductConfigurationPlg*>(plugin));
+    const SubscriptionData record = MakeRecord(5, 3, 1, "acc");
+    fault::Arm("malloc", 1, fault::Mode::Persistent);
+    for (int i = 0; i < 70; ++i)
+        std::thread([&] { events->OnSubscriptionStatusChanged(&record); }).join();
+    const size_t heapRecords = fault::Calls("calloc");
+    EXPECT_GE(fault::Injected(), 70u);
+    fault::Disarm();
+    EXPECT_EQ(heapRecords, 0u);
     StopPlugin();
     ExpectNothingLeft(*host);
 }
