@@ -27,14 +27,18 @@ if [ ! -f "$prefix/system.reg" ]; then
 fi
 "$server" -p30 </dev/null >/dev/null 2>&1
 # The prefix's server runs in a folder named after the prefix's device and
-# inode (".../server-<dev>-<inode>"): server_alive tells whether it still runs.
+# inode (".../server-<dev>-<inode>"). server_pid gives the oldest process in
+# it: a "wineserver -p30" of another run that finds the server running lives
+# there for a moment too.
 server_folder=server-$(stat -c %D "$prefix")-$(printf %x "$(stat -c %i "$prefix")")
-server_alive() {
-  local p
+server_pid() {
+  local p age oldest=-1 found=
   for p in $(pgrep wineserver); do
-    [[ $(readlink "/proc/$p/cwd" 2>/dev/null) == */"$server_folder" ]] && return 0
+    [[ $(readlink "/proc/$p/cwd" 2>/dev/null) == */"$server_folder" ]] || continue
+    age=$(ps -o etimes= -p "$p" 2>/dev/null) || continue
+    [ "$age" -gt "$oldest" ] && oldest=$age found=$p
   done
-  return 1
+  echo "$found"
 }
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
@@ -53,20 +57,24 @@ run() {
     tail -c +1 -s 0.2 --pid=$pid -f "$tmp/out" | tr -d '\r' &
     shown=$!
   fi
-  # Now and then (seen in the checked build's suite) the prefix's server
-  # ends while a program runs; the program's other threads then wait for it
-  # forever. A server seen gone twice in a row, 2 s apart, ends the run
-  # (status 125) instead of waiting for the time limit.
-  gone=0 rc=
+  # Now and then the prefix's server ends while a program runs; the
+  # program's threads then wait for it forever, even when another run has
+  # started a new server meanwhile. The server seen 2 s after the start is
+  # the program's; seen gone twice in a row, 2 s apart (or no server at
+  # all), it ends the run (status 125) instead of waiting for the time limit.
+  gone=0 rc= ours=
   while [ -z "$rc" ]; do
     if timeout 2 tail --pid=$pid -s 0.1 -f /dev/null; then
       wait $pid
       rc=$?
-    elif server_alive; then
+      continue
+    fi
+    [ -n "$ours" ] || ours=$(server_pid)
+    if [ -n "$ours" ] && [[ $(readlink "/proc/$ours/cwd" 2>/dev/null) == */"$server_folder" ]]; then
       gone=0
     elif [ $((gone += 1)) -ge 2 ]; then
       kill -KILL -- -$pid 2>/dev/null
-      wait $pid
+      wait $pid 2>/dev/null
       rc=125
     fi
   done
