@@ -45,6 +45,8 @@ trap 'rm -rf "$tmp"' EXIT
 run() {
   : >"$tmp/out"
   : >"$tmp/err"
+  # The server running now is the one the program connects to.
+  ours=$(server_pid)
   if [ "${PCP_WINE_MERGE:-0}" = 1 ]; then
     timeout -k 5 "$limit" "$wine" "$@" </dev/null >"$tmp/out" 2>&1 &
   else
@@ -59,10 +61,11 @@ run() {
   fi
   # Now and then the prefix's server ends while a program runs; the
   # program's threads then wait for it forever, even when another run has
-  # started a new server meanwhile. The server seen 2 s after the start is
-  # the program's; seen gone twice in a row, 2 s apart (or no server at
-  # all), it ends the run (status 125) instead of waiting for the time limit.
-  gone=0 rc= ours=
+  # started a new server meanwhile. The server running at the start (else
+  # the one seen 2 s later) is the program's; seen gone twice in a row, 2 s
+  # apart (or no server at all), it ends the run (status 125) instead of
+  # waiting for the time limit.
+  gone=0 rc=
   while [ -z "$rc" ]; do
     if timeout 2 tail --pid=$pid -s 0.1 -f /dev/null; then
       wait $pid
