@@ -82,9 +82,20 @@ run() {
     fi
   done
 }
+# The program's server is still the prefix's.
+server_alive() {
+  [ -n "$ours" ] && [[ $(readlink "/proc/$ours/cwd" 2>/dev/null) == */"$server_folder" ]]
+}
+# A GoogleTest program that ends with status 0 without its verdict.
+no_verdict() {
+  [ "${PCP_WINE_GTEST:-0}" = 1 ] && [ $rc -eq 0 ] && ! grep -qE '^\[  (PASSED  |SKIPPED )\]' "$tmp/out"
+}
 run "$@"
-# A run whose server ended under it runs once more, on a new server.
-if [ $rc -eq 125 ]; then
+# A run whose server ended under it runs once more, on a new server: one
+# seen gone while the program ran (125), or one gone after a run that
+# failed or broke off (a program whose server ends mostly ends at once,
+# with status 0, in the middle of what it did).
+if [ $rc -eq 125 ] || { { { [ $rc -ne 0 ] && [ $rc -ne 124 ]; } || no_verdict; } && [ -n "$ours" ] && ! server_alive; }; then
   [ -n "${shown:-}" ] && wait "$shown"
   shown=
   "$server" -p30 </dev/null >/dev/null 2>&1
@@ -103,7 +114,7 @@ if [ "${PCP_WINE_GTEST:-0}" = 1 ] && [ $rc -eq 0 ] && [ ! -s "$tmp/out" ]; then
   echo "wine-run: $1 wrote nothing and ended with status 0 at its first start; it was run again" >>"$tmp/err"
 fi
 [ $rc -eq 124 ] && echo "wine-run: $1 timed out after $limit s" >>"$tmp/err"
-if [ "${PCP_WINE_GTEST:-0}" = 1 ] && [ $rc -eq 0 ] && ! grep -qE '^\[  (PASSED  |SKIPPED )\]' "$tmp/out"; then
+if no_verdict; then
   echo "wine-run: $1 ended with status 0 before GoogleTest gave its verdict" >>"$tmp/err"
   rc=1
 fi
