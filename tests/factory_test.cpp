@@ -88,11 +88,6 @@ TEST(FactoryTest, OneSharedObjectUntilTheLastDestroy)
         ASSERT_EQ(create(kName, firstId, &object), 0u);
         ASSERT_EQ(create(kName, secondId, &other), 0u);
         EXPECT_EQ(other, object);
-        auto* plugin = static_cast<IServPlugin*>(object);
-        EXPECT_EQ(plugin->QueryInterface(ids::ServPluginA), object);
-        EXPECT_EQ(plugin->QueryInterface(ids::ServPluginB), object);
-        for (const InterfaceId& id : {kMixedAB, kMixedBA, kForeign, ids::ServConfig, InterfaceId{0, 0}})
-            EXPECT_EQ(plugin->QueryInterface(id), nullptr) << std::hex << id.first << ' ' << id.second;
 
         destroy(kName, nullptr);
         for (const wchar_t* name : {L"someotherplg", L"ProductConfigPlg", L""})

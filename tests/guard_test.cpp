@@ -1,7 +1,8 @@
 // Control Flow Guard on the shipped DLL, enforced by the test host as Windows
 // enforces it (simhost/guarded_library.h): an indirect call through the
-// DLL's dispatch pointer reaches a target that the DLL's table lists, and
-// ends the process, naming the address, for any other address of the image.
+// DLL's dispatch pointer to an address of the image that its table does not
+// list ends the process, naming the address. (Listed targets are reached
+// through it by every test that loads the DLL, msvc_host.dll's calls too.)
 #include <windows.h>
 
 #include <gtest/gtest.h>
@@ -14,8 +15,6 @@
 
 namespace
 {
-using CreateFn = uint32_t (*)(const wchar_t* name, const InterfaceId& id, void** out);
-
 // Calls target(a, b, c) as the DLL's guarded code makes an indirect call:
 // the target in rax, the arguments in place, through the dispatch pointer.
 uintptr_t CallThroughGuard(void* dispatch, const void* target, uintptr_t a, uintptr_t b, uintptr_t c)
@@ -61,18 +60,6 @@ protected:
     sim::GuardRecord record;
     const uint8_t* create = nullptr;
 };
-
-TEST_F(GuardTest, TheTablePointsTheGuardAtTheCheckerAndListsTheExports)
-{
-    EXPECT_EQ(*record.checkPointer, reinterpret_cast<void*>(sim::pcp_sim_guard_check));
-    EXPECT_EQ(*record.dispatchPointer, reinterpret_cast<void*>(sim::pcp_sim_guard_dispatch));
-    EXPECT_GT(record.count, 1000u) << "every virtual method and callback of the plugin is a call target";
-    // The export is a listed target: the call goes through and answers as a
-    // direct call does (an unknown plugin name).
-    void* out = nullptr;
-    const uint32_t direct = reinterpret_cast<CreateFn>(const_cast<uint8_t*>(create))(L"nosuchplugin", ids::ServPluginA, &out);
-    EXPECT_EQ(CreateThroughGuard(create), direct);
-}
 
 TEST_F(GuardTest, AnUnlistedTargetInsideTheImageEndsTheProcess)
 {

@@ -140,7 +140,7 @@ TEST(ListTest, RandomOperationsThroughTheTableMatchAModel)
     }
 }
 
-TEST(SubscriptionRecord, FixedTextsStayWithinTheirArraysAndCopiesAreDeep)
+TEST(SubscriptionRecord, FixedTextsStayWithinTheirArrays)
 {
     SubscriptionData record;
     EXPECT_EQ(FixedText(record.AccountId), "");
@@ -153,13 +153,5 @@ TEST(SubscriptionRecord, FixedTextsStayWithinTheirArraysAndCopiesAreDeep)
         SetFixedText(record.CommercialId, std::string(length, 'c'));
         EXPECT_EQ(FixedText(record.CommercialId), std::string(kSubscriptionTextChars - 1, 'c')) << length;
     }
-    for (const int32_t feature : {40, 41, 42})
-        record.Features.Append(static_cast<SubscriptionFeatures>(feature));
-    const SubscriptionData copy = record;
-    record.Features.Clear();
-    EXPECT_EQ(copy.Features.Count(), 3);
-    EXPECT_EQ(*copy.Features.First(), 40);
-    EXPECT_EQ(*copy.Features.Last(), 42);
-    EXPECT_EQ(FixedText(copy.CommercialId), FixedText(record.CommercialId));
 }
 } // namespace
