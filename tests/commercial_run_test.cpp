@@ -12,13 +12,6 @@
 
 namespace
 {
-SubscriptionData Record(const char* commercialId)
-{
-    SubscriptionData record = MakeRecord(3, 3, 1);
-    SetFixedText(record.CommercialId, commercialId);
-    return record;
-}
-
 class CommercialRunTest : public QuietRunTest, protected ProductCfgStandIns
 {
 protected:
@@ -40,7 +33,7 @@ protected:
 
 TEST_F(CommercialRunTest, ASubscriptionEventWaitsForTheCloudAndANewIdentifierEndsInChangeContacts)
 {
-    host->subscription.SetRecord(Record("C1"));
+    host->subscription.SetRecord(MakeRecord(3, 3, 1, "", "C1"));
     host->connectIntegrator.SetAnswer({R"({"contacts":["a"]})"});
     host->connectIntegrator.Hold();
     StartPlugin();
@@ -50,7 +43,7 @@ TEST_F(CommercialRunTest, ASubscriptionEventWaitsForTheCloudAndANewIdentifierEnd
     AdvanceInBackground(0);
     ASSERT_TRUE(host->connectIntegrator.WaitForCalls(1, 20000));
     log.Clear();
-    host->subscription.Deliver(Record("C2"), false);
+    host->subscription.Deliver(MakeRecord(3, 3, 1, "", "C2"), false);
     ASSERT_TRUE(Eventually(
         [this] { return log.Count("TRACE", "CProductConfigurationPlg::_SetConfigurationStatus: -> ") > 0; },
         std::chrono::seconds(20)))

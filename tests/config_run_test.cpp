@@ -55,8 +55,7 @@ SubscriptionData Record(int32_t server, int32_t local, uint32_t status, const ch
                         const char* commercial = "", int32_t key = 0, uint32_t days = 0, bool valid = false,
                         const std::string& bundle = "")
 {
-    SubscriptionData record = MakeRecord(server, local, status, account);
-    SetFixedText(record.CommercialId, commercial);
+    SubscriptionData record = MakeRecord(server, local, status, account, commercial);
     record.KeyType = key;
     record.DaysLeft = days;
     record.Valid = valid;

@@ -36,14 +36,6 @@ constexpr wchar_t kBase[] = L"PcpFault";
 const std::wstring kProductKey = std::wstring(L"Software\\") + kBase + L"\\Product";
 const std::wstring kSubscriptionKey = std::wstring(L".DEFAULT\\SOFTWARE\\Sub_ID_") + kId;
 
-
-SubscriptionData Record(int32_t server, const char* commercialId, const char* account)
-{
-    SubscriptionData record = MakeRecord(server, 2, 1, account);
-    SetFixedText(record.CommercialId, commercialId);
-    return record;
-}
-
 // What a life is asked to fail, for the messages.
 struct Plan
 {
@@ -109,7 +101,7 @@ protected:
             auto host = std::make_unique<sim::Host>();
             ConfigureProduct(*host, kId, kBase, kProductKey.c_str());
             host->config.Set(400, L"Desktop", folder.path + L"\\");
-            host->subscription.SetRecord(Record(3, "C1", ""));
+            host->subscription.SetRecord(MakeRecord(3, 2, 1, "", "C1"));
             host->connectIntegrator.SetAnswer({R"({"contacts":["a"]})"});
             host->productAgent.SetModule(L"vpn", 1);
             if (configure)
@@ -132,11 +124,11 @@ protected:
                     if (phases != nullptr)
                         phases->afterStart = fault::Calls("malloc");
                     SetEvent(installer.get());
-                    host->subscription.Deliver(Record(5, "C2", "acc-1"));
+                    host->subscription.Deliver(MakeRecord(5, 2, 1, "acc-1", "C2"));
                     host->sessionChange.Deliver(1, 5, &logon);
                     host->productAgent.Async().Reply(L"1", L"");
                     host->productAgent.Async().Reply(L"0", L"");
-                    host->subscription.Deliver(Record(5, "C2", "acc-1"));
+                    host->subscription.Deliver(MakeRecord(5, 2, 1, "acc-1", "C2"));
                     EXPECT_TRUE(host->WaitIdle());
                     host->queue.Advance(1000);
                     host->queue.Advance(3600000);
@@ -176,7 +168,7 @@ protected:
     static void ExpectTheNextRecordHandled(sim::Host& host)
     {
         const size_t before = host.ledger.ReleasedCount("_OnSubscriptionChanged");
-        host.subscription.Deliver(Record(5, "C3", "acc-1"));
+        host.subscription.Deliver(MakeRecord(5, 2, 1, "acc-1", "C3"));
         EXPECT_TRUE(host.WaitIdle());
         EXPECT_EQ(host.ledger.ReleasedCount("_OnSubscriptionChanged"), before + 1) << "the next record was lost";
     }

@@ -42,13 +42,14 @@ inline bool Eventually(const std::function<bool()>& condition,
 }
 
 inline SubscriptionData MakeRecord(int32_t serverType, int32_t localType, uint32_t statusCode = 0,
-                                   const char* account = "")
+                                   const char* account = "", const char* commercialId = "")
 {
     SubscriptionData record;
     record.ServerProductType = serverType;
     record.ProductType = localType;
     record.StatusCode = statusCode;
     SetFixedText(record.AccountId, account);
+    SetFixedText(record.CommercialId, commercialId);
     return record;
 }
 
@@ -195,26 +196,34 @@ protected:
         if (plugin != nullptr)
             module.Destroy(plugin);
         plugin = nullptr;
+        running = false;
     }
 
     // Init and Start with the host service loaded; waits for _DelayedLoad.
-    void StartLoaded()
+    void StartPlugin()
     {
         ASSERT_EQ(plugin->Init(host.get()), 0u);
+        running = true;
         ASSERT_EQ(plugin->Start(), 0u);
         ASSERT_TRUE(host->WaitIdle());
     }
 
-    void StopAndUnInit()
+    // Stop and UnInit, once, of an object that StartPlugin started.
+    void StopPlugin()
     {
-        plugin->Stop();
-        plugin->UnInit();
+        if (running)
+        {
+            plugin->Stop();
+            plugin->UnInit();
+        }
+        running = false;
     }
 
     LogCapture log;
     PluginModule module;
     std::unique_ptr<sim::Host> host = std::make_unique<sim::Host>();
     IServPlugin* plugin = nullptr;
+    bool running = false;
 };
 
 // The plugin under product identifier id and base folder base (settings 44,
@@ -251,19 +260,6 @@ protected:
     }
 
     void Configure(sim::Host& target) const { ConfigureProduct(target, id, base, productKey.c_str()); }
-    void StartPlugin()
-    {
-        ASSERT_EQ(plugin->Init(host.get()), 0u);
-        running = true;
-        ASSERT_EQ(plugin->Start(), 0u);
-        ASSERT_TRUE(host->WaitIdle());
-    }
-    void StopPlugin()
-    {
-        if (running)
-            StopAndUnInit();
-        running = false;
-    }
     // A new plugin object on a new host, not yet initialised.
     void Renew()
     {
@@ -288,6 +284,5 @@ protected:
     const std::wstring subscriptionKey;
     const std::wstring productKey;
     RegistryScratch registry;
-    bool running = false;
     std::future<void> background;
 };

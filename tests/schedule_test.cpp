@@ -57,11 +57,8 @@ SubscriptionData RandomRecord(std::mt19937_64& rng)
 {
     static const char* const kIds[] = {"", "C1", "C2"};
     static const char* const kAccounts[] = {"", "acc-1"};
-    SubscriptionData record =
-        MakeRecord(static_cast<int32_t>(rng() % 6), static_cast<int32_t>(rng() % 4), static_cast<uint32_t>(rng() % 2),
-                   kAccounts[rng() % 2]);
-    SetFixedText(record.CommercialId, kIds[rng() % 3]);
-    return record;
+    return MakeRecord(static_cast<int32_t>(rng() % 6), static_cast<int32_t>(rng() % 4),
+                      static_cast<uint32_t>(rng() % 2), kAccounts[rng() % 2], kIds[rng() % 3]);
 }
 
 // One event of any kind, drawn from rng. A host thread waits for the

@@ -304,7 +304,7 @@ TEST_F(PluginTest, WscCheckStartsOnItsOwnThreadOnceAndStopEndsItsWait)
     SetMarker(registry);
     standin::Wscsvc service;
     ASSERT_TRUE(service.Installed()) << service.Problem();
-    StartLoaded();
+    StartPlugin();
     ASSERT_TRUE(Eventually([&] { return !log.Threads(kUpExit).empty(); }));
     EXPECT_NE(log.Threads(kCheckEntry).at(0), log.Threads(kRefreshEntry).at(0));
 
