@@ -103,7 +103,8 @@ protected:
             host->config.Set(400, L"Desktop", folder.path + L"\\");
             host->subscription.SetRecord(MakeRecord(3, 2, 1, "", "C1"));
             host->connectIntegrator.SetAnswer({R"({"contacts":["a"]})"});
-            host->productAgent.SetModule(L"vpn", 1);
+            for (const wchar_t* app : kApps)
+                host->productAgent.SetModule(app, 1);
             if (configure)
                 configure(*host);
             // The installer is still at work when the plugin starts.

@@ -62,6 +62,10 @@ inline void ConfigureProduct(sim::Host& host, const wchar_t* id, const wchar_t* 
     host.config.Set(217, L"Desktop", productKey);
 }
 
+// The companion apps under the identifiers a product identifier without a
+// dot gives them (1: off).
+constexpr const wchar_t* kApps[] = {L"com.quillmarten.vpn", L"com.quillmarten.familymentor",
+                                    L"com.quillmarten.kinguard"};
 // What RegistryScratch::Dword gives when no DWORD can be read.
 constexpr DWORD kNoValue = 0xFFFFFFFFu;
 
@@ -141,6 +145,7 @@ inline void ExpectNothingLeft(sim::Host& host)
     EXPECT_EQ(host.queue.InvalidHandleCalls(), 0u);
     EXPECT_EQ(host.components.Outstanding(), 0);
     EXPECT_EQ(SinksOf(host), Sinks(5, 0));
+    EXPECT_EQ(host.productAgent.ModulesReleased(), host.productAgent.ModulesHandedOut());
 }
 
 // The DLL with the guard enforced on its indirect calls, as Windows does.

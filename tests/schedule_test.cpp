@@ -120,7 +120,10 @@ protected:
         SCOPED_TRACE("PCP_SCHEDULE=" + std::to_string(scheduleSeed) + " replays this schedule");
         std::mt19937_64 rng(scheduleSeed);
         log.Clear();
-        registry.SetDword(HKEY_LOCAL_MACHINE, kProductKey, L"UnregFwWscFailed", static_cast<DWORD>(rng() % 2));
+        if (rng() % 2) // the marker, or none
+            registry.SetDword(HKEY_LOCAL_MACHINE, kProductKey, L"UnregFwWscFailed", 1);
+        else
+            RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kProductKey.c_str(), L"UnregFwWscFailed");
         // Half the schedules start ProductCfg.exe as soon as the timer runs.
         if (rng() % 2)
             registry.SetDword(HKEY_LOCAL_MACHINE, kProductKey, L"ProductCfgDelay", 0);
@@ -134,7 +137,8 @@ protected:
             host->config.Set(400, L"Desktop", folder.path + L"\\");
             host->subscription.SetRecord(RandomRecord(rng));
             host->connectIntegrator.SetAnswer({R"({"contacts":["a"]})", 0, static_cast<uint32_t>(rng() % 5)});
-            host->productAgent.SetModule(L"vpn", 1);
+            for (const wchar_t* app : kApps)
+                host->productAgent.SetModule(app, static_cast<uint32_t>(rng() % 2));
             host->serviceStatus.SetStatus(static_cast<uint32_t>(rng() % 2));
             UniqueHandle installer(rng() % 3 == 0 ? CreateEventW(nullptr, TRUE, FALSE, kInstallerEvent) : nullptr);
             WTSSESSION_NOTIFICATION logon{sizeof(WTSSESSION_NOTIFICATION), 1};
