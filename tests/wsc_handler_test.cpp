@@ -1,7 +1,8 @@
 // CWscHandler against the real service control manager ("wscsvc" is
 // WscsvcStandin.exe), the recording wsc.dll stand-in and the real registry;
 // alone, without the simulated host's threads that would blur the handle
-// count, and then through the plugin.
+// count. (The scenario security_center_late.json plays it through the
+// plugin: one job per object, Stop ending the wait, the next object's job.)
 #include <windows.h>
 
 #include <algorithm>
@@ -26,7 +27,6 @@ const std::string kCheckEntry = "CWscHandler::_CheckWscsvcAndUninstallFw: -> ";
 const std::string kCheckExit = "CWscHandler::_CheckWscsvcAndUninstallFw: <- ";
 const std::string kUpEntry = "CWscHandler::_IsWscServiceUp: -> ";
 const std::string kUpExit = "CWscHandler::_IsWscServiceUp: <- ";
-const std::string kRefreshEntry = "CWscHandler::UnregisterFirewallIfNeeded: -> ";
 const Strings kJobDone = {"attach", "UnInstall 1", "detach"};
 
 // What wsc.dll (the copy loaded under that name) recorded, as "attach",
@@ -288,47 +288,4 @@ TEST_F(WscHandlerTest, StopDuringTheWaitLeavesTheMarkerAndNoRoundLeavesAHandle)
         ASSERT_NE(late, SIZE_MAX);
         EXPECT_LT(late, early + 10) << ::testing::PrintToString(handles);
     }
-}
-
-// Through the plugin: the first record of _DelayedLoad finds the marker and
-// starts the job on a thread of its own, which waits for the stopped
-// service. A later record refreshes within _RefreshSubscription, after the
-// record is logged and stored and before the server's product type goes to
-// the registry, and starts no second job. Stop ends the wait; the marker stays.
-TEST_F(PluginTest, WscCheckStartsOnItsOwnThreadOnceAndStopEndsItsWait)
-{
-    RegistryScratch registry;
-    WscRecord wsc;
-    registry.Forget(HKEY_LOCAL_MACHINE, kTestKey);
-    ConfigureProduct(*host, L"PCPWSC", L"PcpWsc", kProductKey);
-    SetMarker(registry);
-    standin::Wscsvc service;
-    ASSERT_TRUE(service.Installed()) << service.Problem();
-    StartPlugin();
-    ASSERT_TRUE(Eventually([&] { return !log.Threads(kUpExit).empty(); }));
-    EXPECT_NE(log.Threads(kCheckEntry).at(0), log.Threads(kRefreshEntry).at(0));
-
-    log.Clear();
-    host->subscription.Deliver(MakeRecord(3, 3));
-    ASSERT_TRUE(host->WaitIdle());
-    EXPECT_EQ(log.Threads(kRefreshEntry).size(), 1u);
-    const Strings lines = log.Messages("");
-    auto at = [&](const std::string& prefix) {
-        return std::find_if(lines.begin(), lines.end(), [&](const std::string& l) { return l.rfind(prefix, 0) == 0; }) -
-               lines.begin();
-    };
-    const auto written = at("CProductConfigurationPlg::_WriteServerProductType: -> ");
-    ASSERT_LT(written, static_cast<std::ptrdiff_t>(lines.size()));
-    EXPECT_LT(at("CProductConfigurationPlg::_RefreshSubscription: ServerProductType = 3, ProductType = 3"),
-              at(kRefreshEntry));
-    EXPECT_LT(at("CWscHandler::UnregisterFirewallIfNeeded: <- "), written);
-    EXPECT_EQ(log.Threads(kCheckEntry), Strings{}); // no second job
-
-    plugin->Stop();
-    EXPECT_EQ(log.Threads(kCheckExit).size(), 1u);
-    EXPECT_TRUE(MarkerThere(registry));
-    EXPECT_EQ(wsc.Lines(), Strings{});
-    plugin->UnInit();
-    DestroyPlugin();
-    ExpectNothingLeft(*host);
 }
