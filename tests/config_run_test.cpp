@@ -263,56 +263,6 @@ TEST_F(ConfigRunTest, EachRecordLeavesItsSurveyValueServerProductTypeAndStatus)
     EXPECT_EQ(log.Messages("INFO").size() + log.Messages("WARN").size() + log.Messages("ERROR").size(), 0u);
 }
 
-// Settings the plugin cannot use: no GsShowed without a product identifier;
-// key names over 255 characters refused with 87. The delay, read in Init
-// (else 0), is the timer's first.
-TEST_F(ConfigRunTest, SettingsThatCannotBeUsedAreLoggedOrSkippedAndTheDelayArmsTheTimer)
-{
-    const std::wstring tooLong(300, L'x');
-    const std::string serverType = kPlugin + "_WriteServerProductType: Failed to write server product type: 87";
-    const struct
-    {
-        const char* what;
-        uint32_t number;
-        const wchar_t *section, *value; // value null: missing
-        int64_t delay;                  // ProductCfgDelay, seconds
-        Strings errors;                 // from Init to the end of one record
-        size_t gsLines;                 // "No gs showed in registry" of the record
-        uint32_t delayMs;
-    } rows[] = {
-        {"all usable", 44, L"Desktop", id, 30, {}, 1, 30000},
-        {"no product id", 44, L"Desktop", nullptr, 30, {}, 0, 30000},
-        {"product id too long", 44, L"Desktop", tooLong.c_str(), 30, Strings(2, serverType), 0, 30000},
-        {"base name too long", 0, L"BASE", tooLong.c_str(), 30,
-         Strings(2, kPlugin + "_WriteSurveyInfo: set value failed, err: 87"), 1, 30000},
-        {"no product key", 217, L"Desktop", nullptr, 30, {kPlugin + "_GetDelay: String not found"}, 1, 0},
-        {"no delay", 44, L"Desktop", id, kNone, {kPlugin + "_GetDelay: get dword value failed, err: 2"}, 1, 0},
-    };
-    RegDeleteKeyValueW(HKEY_USERS, subscriptionKey.c_str(), L"GsShowed");
-    for (const auto& row : rows)
-    {
-        SCOPED_TRACE(row.what);
-        ASSERT_NO_FATAL_FAILURE(Renew());
-        host->config.SetMissing(sim::ServConfig::Missing::NotFoundText);
-        if (row.value != nullptr)
-            host->config.Set(row.number, row.section, row.value);
-        else
-            host->config.Remove(row.number, row.section);
-        PutValue(HKEY_LOCAL_MACHINE, productKey, L"ProductCfgDelay", row.delay);
-        log.Clear();
-        ASSERT_NO_FATAL_FAILURE(StartPlugin());
-        Deliver(MakeRecord(4, 3, 0));
-        // No folder for the commercial data file: not this table's concern.
-        Strings errors = log.Messages("ERROR");
-        errors.erase(std::remove_if(errors.begin(), errors.end(),
-                                    [](const std::string& line) { return line.rfind("CBootstrap::", 0) == 0; }),
-                     errors.end());
-        EXPECT_EQ(errors, row.errors);
-        EXPECT_EQ(log.Count("INFO", kEvent + "No gs showed in registry"), row.gsLines);
-        EXPECT_TRUE(host->journal.Contains("SetTimer _ProductCfgTimer " + std::to_string(row.delayMs) + " 3600000 -> 0"));
-    }
-}
-
 // An earlier ProductCfg.exe from the host's folder delays the launch, unless
 // the context switches; one from elsewhere does not. Stop ends the wait.
 TEST_F(ConfigRunTest, EarlierProductCfgDelaysTheLaunchOnlyFromTheHostsFolderAndWithoutSwitchContext)
