@@ -14,9 +14,15 @@ fail() {
   echo "FAIL: $*"
   echo "--- OrbhubSim --crash-in-plugin (status $status):"
   head -40 <<<"$out"
+  echo "--- its last lines:"
+  tail -5 <<<"$out"
   exit 1
 }
-[ "$status" -ne 0 ] || fail "the run did not crash"
+# The crash is Wine's report of the unhandled exception. Under heavy load
+# Wine was once seen to end the crashed process with status 0 after the
+# report, so the status alone does not say whether it crashed.
+grep -q '^Unhandled exception: ' <<<"$out" || fail "the run did not crash"
+[ "$status" -ne 0 ] || echo "note: the crashed process ended with status 0"
 # "Unhandled exception: page fault on read access to 0x... in 64-bit code (0x00000180001d46)."
 fault=$(sed -n 's/^Unhandled exception: .* in 64-bit code (\(0x[0-9a-fA-F]*\)).*/\1/p' <<<"$out" | head -1)
 # "PE	0000000180000000-00000001801a9000	PDB	productcfgplg"
