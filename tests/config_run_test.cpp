@@ -260,7 +260,15 @@ TEST_F(ConfigRunTest, EarlierProductCfgDelaysTheLaunchOnlyFromTheHostsFolderAndW
             ASSERT_TRUE(Eventually([&] { return log.Contains("INFO", kWaiting); }, std::chrono::seconds(20)));
             EXPECT_FALSE(Launched()) << "while the earlier one runs";
             if (row.stop)
-                StopPlugin(); // ends the wait at once, not after a minute
+            {
+                // A logon's re-arm waits in the serial execution for the
+                // waiting item; Stop ends the wait at once, not after a minute.
+                WTSSESSION_NOTIFICATION logon{sizeof(WTSSESSION_NOTIFICATION), 1};
+                host->sessionChange.Deliver(1, 5, &logon);
+                ASSERT_TRUE(Eventually([&] { return log.Count("TRACE", kPlugin + "_StartProductCfgTimer: ->") == 2; }));
+                auto stopped = std::async(std::launch::async, [this] { StopPlugin(); });
+                EXPECT_EQ(stopped.wait_for(std::chrono::seconds(20)), std::future_status::ready) << "Stop stalled";
+            }
             else
                 End(earlier);
         }
