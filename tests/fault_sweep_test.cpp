@@ -158,8 +158,10 @@ protected:
         // Without the service manager there is no running "wscsvc": the
         // firewall's removal waits for a later life.
         if (plan.mode == fault::Mode::Persistent && plan.function == "OpenSCManagerW")
+        {
             EXPECT_NE(registry.Dword(HKEY_LOCAL_MACHINE, kProductKey, L"UnregFwWscFailed"), kNoValue)
                 << "the firewall was removed without a running wscsvc";
+        }
 
         EXPECT_EQ(ThreadCount(), threads) << "a thread of the plugin outlived it";
         if (handlesAfter != nullptr)
