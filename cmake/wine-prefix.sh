@@ -14,9 +14,13 @@ exec 9>"$prefix.lock"
 flock 9
 if [ ! -f "$prefix/system.reg" ]; then
   echo "Creating Wine prefix $prefix (once per build tree)"
-  # wineboot now and then gives up on a fresh prefix ("ShellExecuteEx failed:
-  # Internal error" after "failed to open ...syswow64\rundll32.exe"); a new
-  # attempt on an empty folder succeeds. Three attempts at most.
+  # "wine64 wineboot -i" runs as start.exe /exec wineboot -i once the new
+  # prefix is booted. Now and then start.exe's CreateProcess of wineboot.exe
+  # fails with STATUS_INTERNAL_ERROR ("ShellExecuteEx failed: Internal
+  # error"): Wine's answer when the new process ended before it was up. The
+  # "failed to open ...syswow64\rundll32.exe" line before it comes with every
+  # creation (no 32-bit Wine). A new attempt on an empty folder succeeds.
+  # Three attempts at most.
   for attempt in 1 2 3; do
     if timeout -k 10 300 /usr/lib/wine/wine64 wineboot -i </dev/null >"$prefix.log" 2>&1; then
       break
