@@ -72,21 +72,18 @@ public:
                                    nullptr, nullptr, &startup, &created));
         UniqueHandle thread(created.hThread);
         processes.emplace_back(created.dwProcessId, UniqueHandle(created.hProcess));
-        known.push_back(created.dwProcessId);
         if ((flags & CREATE_SUSPENDED) == 0)
-            AwaitLine([&](DWORD pid) { return pid == created.dwProcessId; });
+            TakeLine([&](DWORD pid) { return pid == created.dwProcessId; });
         return created.dwProcessId;
     }
     // Waits for a stand-in that the code under test started, takes it into
     // keeping and gives its line's fields: pid, session, current directory,
-    // executable, command line. The first line of a process not seen before
-    // is taken, whatever order slow starts recorded themselves in.
+    // executable, command line: the first line not taken yet, whatever order
+    // slow starts recorded themselves in.
     std::vector<std::wstring> AwaitLaunched()
     {
-        std::vector<std::wstring> fields = AwaitLine(
-            [&](DWORD pid) { return std::find(known.begin(), known.end(), pid) == known.end(); });
+        std::vector<std::wstring> fields = TakeLine([](DWORD) { return true; });
         const DWORD pid = std::wcstoul(fields[0].c_str(), nullptr, 10);
-        known.push_back(pid);
         processes.emplace_back(pid, UniqueHandle(OpenProcess(SYNCHRONIZE | PROCESS_TERMINATE, FALSE, pid)));
         return fields;
     }
@@ -120,13 +117,12 @@ public:
             UniqueHandle child(Find(pid) == processes.end() ? OpenProcess(SYNCHRONIZE | PROCESS_TERMINATE, FALSE, pid)
                                                             : nullptr);
             if (child)
-            {
-                known.push_back(pid);
                 processes.emplace_back(pid, std::move(child));
-            }
         }
         while (!processes.empty())
             End(processes.back().first);
+        // Whatever is recorded now is of a process that has ended.
+        taken.assign(RecordLines().size(), true);
     }
 
     std::wstring workDir; // holds a copy of the stand-in too
@@ -144,21 +140,27 @@ private:
             lines.push_back(line.substr(0, line.find('\r')));
         return lines;
     }
-    // Waits until a recorded line's pid is wanted and gives that line's five
-    // fields; after the bound, a failure and empty fields. The ready event
-    // only wakes the wait: the record decides, so a signal that a slow start
-    // gives late, or two that merge into one, mislead nothing.
+    // Waits until a recorded line not taken yet has a wanted pid, takes it
+    // and gives its five fields; after the bound, a failure and empty fields.
+    // Lines, not pids, are taken: Wine hands an ended process's pid out again.
+    // The ready event only wakes the wait: the record decides, so a signal
+    // that a slow start gives late, or two that merge into one, mislead
+    // nothing.
     template <typename Wanted>
-    std::vector<std::wstring> AwaitLine(Wanted wanted)
+    std::vector<std::wstring> TakeLine(Wanted wanted)
     {
         const ULONGLONG until = GetTickCount64() + kStartBoundMs;
         for (;;)
         {
-            for (const std::string& line : RecordLines())
+            const std::vector<std::string> lines = RecordLines();
+            for (size_t i = 0; i < lines.size(); ++i)
             {
-                std::vector<std::wstring> fields = Fields(line);
-                if (wanted(std::wcstoul(fields[0].c_str(), nullptr, 10)))
-                    return fields;
+                std::vector<std::wstring> fields = Fields(lines[i]);
+                if ((i < taken.size() && taken[i]) || !wanted(std::wcstoul(fields[0].c_str(), nullptr, 10)))
+                    continue;
+                taken.resize(std::max(taken.size(), i + 1));
+                taken[i] = true;
+                return fields;
             }
             const ULONGLONG now = GetTickCount64();
             if (now >= until)
@@ -206,5 +208,5 @@ private:
 
     UniqueHandle ready;
     Processes processes;
-    std::vector<DWORD> known; // every stand-in started, taken or ended here
+    std::vector<bool> taken; // by line of the record
 };
