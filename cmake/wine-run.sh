@@ -94,8 +94,10 @@ run "$@"
 # A run whose server ended under it runs once more, on a new server: one
 # seen gone while the program ran (125), or one gone after a run that
 # failed or broke off (a program whose server ends mostly ends at once,
-# with status 0, in the middle of what it did).
-if [ $rc -eq 125 ] || { { { [ $rc -ne 0 ] && [ $rc -ne 124 ]; } || no_verdict; } && [ -n "$ours" ] && ! server_alive; }; then
+# with status 0, in the middle of what it did). A GoogleTest program shows
+# that by its missing verdict; any other, a benchmark's figures, cannot, so
+# its status 0 is trusted only while its server lives.
+if [ $rc -eq 125 ] || { { { [ $rc -ne 0 ] && [ $rc -ne 124 ]; } || no_verdict || { [ $rc -eq 0 ] && [ "${PCP_WINE_GTEST:-0}" != 1 ]; }; } && [ -n "$ours" ] && ! server_alive; }; then
   [ -n "${shown:-}" ] && wait "$shown"
   shown=
   "$server" -p30 </dev/null >/dev/null 2>&1
