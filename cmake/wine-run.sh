@@ -107,13 +107,15 @@ fi
 # PCP_WINE_GTEST=1: a GoogleTest program that ends with status 0 but never
 # printed its verdict (the process ended in the middle of a case) failed.
 # Under load Wine now and then ends a program at its start, before it has
-# written anything, with status 0: nothing of the test ran, so it runs once
-# more.
-if [ "${PCP_WINE_GTEST:-0}" = 1 ] && [ $rc -eq 0 ] && [ ! -s "$tmp/out" ]; then
+# written anything (GoogleTest's first line comes before any case), with
+# status 0 or another, its server still running: nothing of the test ran,
+# so it runs once more.
+if [ "${PCP_WINE_GTEST:-0}" = 1 ] && [ $rc -ne 124 ] && [ ! -s "$tmp/out" ]; then
   [ -n "${shown:-}" ] && wait "$shown"
   shown=
+  first=$rc
   run "$@"
-  echo "wine-run: $1 wrote nothing and ended with status 0 at its first start; it was run again" >>"$tmp/err"
+  echo "wine-run: $1 wrote nothing and ended with status $first at its first start; it was run again" >>"$tmp/err"
 fi
 [ $rc -eq 124 ] && echo "wine-run: $1 timed out after $limit s" >>"$tmp/err"
 if no_verdict; then
